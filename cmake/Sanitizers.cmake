@@ -1,0 +1,5 @@
+if(VELMORA_SANITIZE)
+  string(REPLACE ";" "," _velmora_sanitizers "${VELMORA_SANITIZE}")
+  add_compile_options(-fsanitize=${_velmora_sanitizers} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${_velmora_sanitizers})
+endif()

@@ -1,0 +1,108 @@
+#include "velmora/support/CoreLogger.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <regex>
+#include <thread>
+
+#include "tests/support/LibraryTest.h"
+
+namespace velmora::testing {
+namespace {
+
+class CoreLoggerTest : public LibraryTest {
+  protected:
+    void logEveryLevel() {
+        CoreLogger::error("e");
+        CoreLogger::warn("w");
+        CoreLogger::info("i");
+        CoreLogger::debug("d");
+        CoreLogger::verbose("v");
+    }
+};
+
+TEST_F(CoreLoggerTest, TheSwitchAndTheThresholdDecideWhatIsEmitted) {
+    for (const auto level : {LogLevel::error, LogLevel::verbose}) {
+        CoreLogger::setEnabled(false);
+        CoreLogger::setLogLevel(level);
+        logEveryLevel();
+    }
+    EXPECT_TRUE(logs->lines().empty()) << "nothing is logged while disabled, whatever the level";
+
+    CoreLogger::setEnabled(true);
+    CoreLogger::setLogLevel(LogLevel::debug);
+    logEveryLevel();
+    EXPECT_EQ(logs->lines(),
+              (std::vector<std::string>{"[ERROR]: e", "[WARNING]: w", "[INFO]: i", "[DEBUG]: d"}));
+
+    logs->clear();
+    CoreLogger::setLogLevel(LogLevel::error);
+    logEveryLevel();
+    EXPECT_EQ(logs->lines(), (std::vector<std::string>{"[ERROR]: e"}));
+
+    logs->clear();
+    CoreLogger::setLogLevel(LogLevel::verbose);
+    logEveryLevel();
+    EXPECT_EQ(logs->lines().back(), "[VERBOSE]: v");
+}
+
+TEST_F(CoreLoggerTest, MessagesArePrintedLiterallyAndLevelsComeOnlyFromZeroToFour) {
+    CoreLogger::debug("100% done, %@ stays, %d too");
+    EXPECT_EQ(logs->lines(), (std::vector<std::string>{"[DEBUG]: 100% done, %@ stays, %d too"}));
+
+    EXPECT_EQ(logLevelFromRawValue(5), std::nullopt);
+    EXPECT_EQ(logLevelFromRawValue(-1), std::nullopt);
+    EXPECT_EQ(logLevelFromRawValue(0), LogLevel::error);
+    EXPECT_EQ(logLevelFromRawValue(4), LogLevel::verbose);
+}
+
+TEST_F(CoreLoggerTest, TheLoggingBlockRunsOnlyWhenItsLevelWouldBeEmitted) {
+    int ran = 0;
+    CoreLogger::log(LogLevel::verbose, [&] { ++ran; });
+    CoreLogger::log(LogLevel::debug, [&] { ++ran; });
+    CoreLogger::setEnabled(false);
+    CoreLogger::log(LogLevel::error, [&] { ++ran; });
+    EXPECT_EQ(ran, 1);
+}
+
+TEST_F(CoreLoggerTest, TheConsoleSinkWritesOneStampedLinePerMessage) {
+    LoggerConfig::setLogger(std::make_shared<ConsoleLogger>());
+    environment.logSink = nullptr;
+    platform::Environment::install(environment);  // no sink: standard error
+
+    ::testing::internal::CaptureStderr();
+    CoreLogger::warn("Settings cached. 50% %@");
+    CoreLogger::verbose("not emitted");
+    const auto out = ::testing::internal::GetCapturedStderr();
+    const std::regex line(
+        R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}Z velmora-tests\[\d+:\d+\] \[WARNING\]: Settings cached\. 50% %@\n$)");
+    EXPECT_TRUE(std::regex_match(out, line)) << out;
+}
+
+TEST_F(CoreLoggerTest, SwitchesAndSinksMayChangeWhileOtherThreadsLog) {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> loggers;
+    for (int t = 0; t < 3; ++t) {
+        loggers.emplace_back([&] {
+            while (!stop) {
+                CoreLogger::info("busy");
+            }
+        });
+    }
+    for (int i = 0; i < 300; ++i) {
+        CoreLogger::setEnabled(i % 2 == 0);
+        CoreLogger::setLogLevel(i % 3 == 0 ? LogLevel::error : LogLevel::verbose);
+        LoggerConfig::setLogger(std::make_shared<CapturingLogger>(logs));
+    }
+    stop = true;
+    for (auto& thread : loggers) {
+        thread.join();
+    }
+    for (const auto& line : logs->lines()) {
+        ASSERT_EQ(line, "[INFO]: busy");
+    }
+}
+
+}  // namespace
+}  // namespace velmora::testing

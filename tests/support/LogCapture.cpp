@@ -1,0 +1,53 @@
+#include "tests/support/LogCapture.h"
+
+#include <algorithm>
+
+#include "velmora/platform/Format.h"
+
+namespace velmora::testing {
+
+void LogCapture::append(std::string line) {
+    std::lock_guard lock(mutex_);
+    lines_.push_back(std::move(line));
+    changed_.notify_all();
+}
+
+std::vector<std::string> LogCapture::lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+}
+
+std::size_t LogCapture::count(std::string_view line) const {
+    std::lock_guard lock(mutex_);
+    return static_cast<std::size_t>(std::count(lines_.begin(), lines_.end(), line));
+}
+
+std::vector<std::string> LogCapture::linesStartingWith(std::string_view prefix) const {
+    std::lock_guard lock(mutex_);
+    std::vector<std::string> found;
+    for (const auto& line : lines_) {
+        if (line.starts_with(prefix)) {
+            found.push_back(line);
+        }
+    }
+    return found;
+}
+
+void LogCapture::clear() {
+    std::lock_guard lock(mutex_);
+    lines_.clear();
+}
+
+bool LogCapture::waitFor(std::string_view line, std::size_t times, std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] {
+        return static_cast<std::size_t>(std::count(lines_.begin(), lines_.end(), line)) >= times;
+    });
+}
+
+void CapturingLogger::log(std::string_view format, std::string_view string) {
+    const std::string arguments[] = {std::string(string)};
+    capture_->append(platform::formatArguments(format, arguments));
+}
+
+}  // namespace velmora::testing

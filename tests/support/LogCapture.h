@@ -1,0 +1,47 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "velmora/support/CoreLogger.h"
+
+namespace velmora::testing {
+
+// Collects log lines in memory so tests can assert them exactly: the logger's output ("[DEBUG]: text") and
+// the platform log's ("Fatal error: ...", dispatch reports). Thread-safe.
+class LogCapture {
+  public:
+    void append(std::string line);
+
+    std::vector<std::string> lines() const;
+    bool contains(std::string_view line) const { return count(line) > 0; }
+    std::size_t count(std::string_view line) const;
+    // Lines that start with `prefix`.
+    std::vector<std::string> linesStartingWith(std::string_view prefix) const;
+    void clear();
+    // Waits until `line` has been logged at least `times` times.
+    bool waitFor(std::string_view line, std::size_t times = 1,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
+  private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    std::vector<std::string> lines_;
+};
+
+// The logger sink tests install: formats like the console does and appends to a LogCapture.
+class CapturingLogger : public LoggerType {
+  public:
+    explicit CapturingLogger(std::shared_ptr<LogCapture> capture) : capture_(std::move(capture)) {}
+    void log(std::string_view format, std::string_view string) override;
+
+  private:
+    std::shared_ptr<LogCapture> capture_;
+};
+
+}  // namespace velmora::testing

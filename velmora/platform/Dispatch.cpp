@@ -1,0 +1,426 @@
+#include "velmora/platform/Dispatch.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "velmora/platform/Environment.h"
+#include "velmora/platform/Format.h"
+#include "velmora/platform/SystemLog.h"
+
+namespace velmora::platform {
+namespace {
+
+void runBlock(const std::function<void()>& block, const std::string& label) {
+    // A host block that throws must not take a library thread, and with it every later block, down.
+    try {
+        block();
+    } catch (const std::exception& e) {
+        systemLogLine(format("Uncaught exception in a block on queue %@: %@", label, e.what()));
+    } catch (...) {
+        systemLogLine(format("Uncaught exception in a block on queue %@", label));
+    }
+}
+
+thread_local bool onPoolWorker = false;
+
+// Concurrent workers with a floor of always-ready threads. When a worker blocks in a group wait or a sync
+// and work is waiting, another worker is started in its place, so chains of blocked tasks that wait for
+// later tasks always make progress. Extra workers retire after a while without work.
+class GlobalPool {
+  public:
+    static GlobalPool& shared() {
+        static auto* pool = new GlobalPool();  // leaked: its detached workers must never see it destroyed
+        return *pool;
+    }
+
+    void submit(std::function<void()> task) {
+        std::lock_guard lock(mutex_);
+        tasks_.push_back(std::move(task));
+        if (tasks_.size() > idle_) {
+            spawnIfAllowed();
+        }
+        wake_.notify_one();
+    }
+
+    bool willBlock() {
+        if (!onPoolWorker) {
+            return false;
+        }
+        std::lock_guard lock(mutex_);
+        ++blocked_;
+        if (tasks_.size() > idle_) {
+            spawnIfAllowed();
+        }
+        return true;
+    }
+
+    void didUnblock() {
+        std::lock_guard lock(mutex_);
+        --blocked_;
+    }
+
+    GlobalPoolStatistics statistics() {
+        std::lock_guard lock(mutex_);
+        return {threads_, idle_, blocked_, peak_, base_, cap_};
+    }
+
+  private:
+    static constexpr std::size_t cap_ = 512;
+    static constexpr auto idleRetirement = std::chrono::seconds(2);
+
+    GlobalPool() : base_(std::max<std::size_t>(4, std::thread::hardware_concurrency())) {}
+
+    // Called with the lock held.
+    void spawnIfAllowed() {
+        if (threads_ - blocked_ >= base_) {
+            return;
+        }
+        if (threads_ >= cap_) {
+            if (!capReported_) {
+                capReported_ = true;
+                systemLogLine(
+                    format("DispatchQueue: the global pool reached its cap of %@ threads; "
+                           "blocks wait for a free worker",
+                           cap_));
+            }
+            return;
+        }
+        ++threads_;
+        peak_ = std::max(peak_, threads_);
+        std::thread([this] { work(); }).detach();
+    }
+
+    void work() {
+        onPoolWorker = true;
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            if (!tasks_.empty()) {
+                auto task = std::move(tasks_.front());
+                tasks_.pop_front();
+                lock.unlock();
+                runBlock(task, "com.velmora.global");
+                task = nullptr;  // destroy captures outside the lock
+                lock.lock();
+                continue;
+            }
+            ++idle_;
+            const bool woken = wake_.wait_for(lock, idleRetirement, [this] { return !tasks_.empty(); });
+            --idle_;
+            if (!woken && threads_ - blocked_ > base_) {
+                --threads_;
+                return;
+            }
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<std::function<void()>> tasks_;
+    const std::size_t base_;
+    std::size_t threads_ = 0;
+    std::size_t idle_ = 0;
+    std::size_t blocked_ = 0;
+    std::size_t peak_ = 0;
+    bool capReported_ = false;
+};
+
+// Marks a stretch in which the calling thread waits for other blocks; see GlobalPool::willBlock.
+class BlockingRegion {
+  public:
+    BlockingRegion() : counted_(GlobalPool::shared().willBlock()) {}
+    ~BlockingRegion() {
+        if (counted_) {
+            GlobalPool::shared().didUnblock();
+        }
+    }
+    BlockingRegion(const BlockingRegion&) = delete;
+    BlockingRegion& operator=(const BlockingRegion&) = delete;
+
+  private:
+    bool counted_;
+};
+
+// The main queue's thread when the host installs no executor of its own.
+class LibraryMainThread {
+  public:
+    static LibraryMainThread& shared() {
+        static auto* thread = new LibraryMainThread();  // leaked, like the pool
+        return *thread;
+    }
+
+    void submit(std::function<void()> block) {
+        std::lock_guard lock(mutex_);
+        blocks_.push_back(std::move(block));
+        wake_.notify_one();
+    }
+
+  private:
+    LibraryMainThread() {
+        std::thread([this] { run(); }).detach();
+    }
+
+    void run() {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            wake_.wait(lock, [this] { return !blocks_.empty(); });
+            auto block = std::move(blocks_.front());
+            blocks_.pop_front();
+            lock.unlock();
+            runBlock(block, "com.velmora.main");
+            block = nullptr;
+            lock.lock();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<std::function<void()>> blocks_;
+};
+
+struct SyncWaiter {
+    std::mutex mutex;
+    std::condition_variable turn;
+    bool ready = false;
+
+    void signal() {
+        std::lock_guard lock(mutex);
+        ready = true;
+        turn.notify_one();
+    }
+    void wait() {
+        std::unique_lock lock(mutex);
+        turn.wait(lock, [this] { return ready; });
+    }
+};
+
+thread_local std::vector<const DispatchQueue::State*> currentQueues;
+
+class CurrentQueueScope {
+  public:
+    explicit CurrentQueueScope(const DispatchQueue::State* queue) { currentQueues.push_back(queue); }
+    ~CurrentQueueScope() { currentQueues.pop_back(); }
+    CurrentQueueScope(const CurrentQueueScope&) = delete;
+    CurrentQueueScope& operator=(const CurrentQueueScope&) = delete;
+};
+
+bool isRunningOn(const DispatchQueue::State* queue) {
+    return std::find(currentQueues.begin(), currentQueues.end(), queue) != currentQueues.end();
+}
+
+}  // namespace
+
+struct DispatchQueue::State : std::enable_shared_from_this<DispatchQueue::State> {
+    enum class Kind { serial, concurrent, main };
+
+    // One entry of a serial queue: a block, or a sync caller waiting for its turn.
+    struct Item {
+        std::function<void()> block;
+        SyncWaiter* waiter = nullptr;
+    };
+
+    // Blocks run in a row before a drain yields its worker, so that one busy queue cannot starve others
+    // of the host's main executor.
+    static constexpr int drainBatch = 64;
+
+    State(std::string queueLabel, Kind queueKind) : label(std::move(queueLabel)), kind(queueKind) {}
+
+    const std::string label;
+    const Kind kind;
+    std::mutex mutex;
+    std::deque<Item> items;
+    // Set while a drain is scheduled or running, or a sync caller holds the queue.
+    bool owned = false;
+
+    void scheduleDrain() {
+        auto job = [self = shared_from_this()] { self->drain(); };
+        if (kind == Kind::serial) {
+            GlobalPool::shared().submit(std::move(job));
+            return;
+        }
+        const auto env = Environment::current();
+        if (env->mainExecutor) {
+            env->mainExecutor(std::move(job));
+        } else {
+            LibraryMainThread::shared().submit(std::move(job));
+        }
+    }
+
+    void drain() {
+        CurrentQueueScope scope(this);
+        for (int ran = 0;; ++ran) {
+            Item item;
+            {
+                std::unique_lock lock(mutex);
+                if (items.empty()) {
+                    owned = false;
+                    return;
+                }
+                if (ran == drainBatch) {
+                    lock.unlock();
+                    scheduleDrain();
+                    return;
+                }
+                item = std::move(items.front());
+                items.pop_front();
+            }
+            if (item.waiter != nullptr) {
+                item.waiter->signal();  // the queue now belongs to that sync caller
+                return;
+            }
+            runBlock(item.block, label);
+        }
+    }
+
+    // Ends a sync caller's hold on the queue.
+    void release() {
+        std::unique_lock lock(mutex);
+        if (items.empty()) {
+            owned = false;
+            return;
+        }
+        lock.unlock();
+        scheduleDrain();
+    }
+};
+
+DispatchQueue::DispatchQueue(std::string label)
+    : state_(std::make_shared<State>(std::move(label), State::Kind::serial)) {}
+
+DispatchQueue DispatchQueue::main() {
+    static auto* state =
+        new std::shared_ptr<State>(std::make_shared<State>("com.velmora.main", State::Kind::main));
+    return DispatchQueue(*state);
+}
+
+DispatchQueue DispatchQueue::global() {
+    static auto* state =
+        new std::shared_ptr<State>(std::make_shared<State>("com.velmora.global", State::Kind::concurrent));
+    return DispatchQueue(*state);
+}
+
+const std::string& DispatchQueue::label() const {
+    return state_->label;
+}
+
+bool DispatchQueue::isCurrent() const {
+    return isRunningOn(state_.get());
+}
+
+void DispatchQueue::async(std::function<void()> block) const {
+    if (state_->kind == State::Kind::concurrent) {
+        GlobalPool::shared().submit(std::move(block));
+        return;
+    }
+    {
+        std::lock_guard lock(state_->mutex);
+        state_->items.push_back({std::move(block), nullptr});
+        if (state_->owned) {
+            return;
+        }
+        state_->owned = true;
+    }
+    state_->scheduleDrain();
+}
+
+void DispatchQueue::sync(const std::function<void()>& block) const {
+    if (state_->kind == State::Kind::concurrent) {
+        block();
+        return;
+    }
+    if (isCurrent()) {
+        systemLogLine(
+            format("DispatchQueue: sync onto %@ from a block already running on it would deadlock; "
+                   "running the block in place",
+                   state_->label));
+        block();
+        return;
+    }
+    SyncWaiter waiter;
+    bool mustWait = false;
+    {
+        std::lock_guard lock(state_->mutex);
+        if (state_->owned) {
+            state_->items.push_back({nullptr, &waiter});
+            mustWait = true;
+        } else {
+            state_->owned = true;
+        }
+    }
+    if (mustWait) {
+        BlockingRegion blocking;
+        waiter.wait();
+    }
+    struct Release {
+        State& state;
+        ~Release() { state.release(); }
+    } release{*state_};
+    CurrentQueueScope scope(state_.get());
+    block();
+}
+
+struct DispatchGroup::State {
+    std::mutex mutex;
+    std::condition_variable done;
+    std::size_t count = 0;
+    std::vector<std::pair<DispatchQueue, std::function<void()>>> notifications;
+};
+
+DispatchGroup::DispatchGroup() : state_(std::make_shared<State>()) {}
+
+void DispatchGroup::enter() const {
+    std::lock_guard lock(state_->mutex);
+    ++state_->count;
+}
+
+void DispatchGroup::leave() const {
+    std::vector<std::pair<DispatchQueue, std::function<void()>>> due;
+    {
+        std::lock_guard lock(state_->mutex);
+        if (state_->count == 0) {
+            systemLogLine("DispatchGroup: leave() without a matching enter() ignored");
+            return;
+        }
+        if (--state_->count > 0) {
+            return;
+        }
+        due.swap(state_->notifications);
+        state_->done.notify_all();
+    }
+    for (auto& [queue, block] : due) {
+        queue.async(std::move(block));
+    }
+}
+
+void DispatchGroup::wait() const {
+    BlockingRegion blocking;
+    std::unique_lock lock(state_->mutex);
+    state_->done.wait(lock, [this] { return state_->count == 0; });
+}
+
+bool DispatchGroup::wait(std::chrono::milliseconds timeout) const {
+    BlockingRegion blocking;
+    std::unique_lock lock(state_->mutex);
+    return state_->done.wait_for(lock, timeout, [this] { return state_->count == 0; });
+}
+
+void DispatchGroup::notify(const DispatchQueue& queue, std::function<void()> block) const {
+    {
+        std::lock_guard lock(state_->mutex);
+        if (state_->count > 0) {
+            state_->notifications.emplace_back(queue, std::move(block));
+            return;
+        }
+    }
+    queue.async(std::move(block));
+}
+
+GlobalPoolStatistics globalPoolStatistics() {
+    return GlobalPool::shared().statistics();
+}
+
+}  // namespace velmora::platform

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "velmora/Export.h"
+
+namespace velmora::platform {
+
+class DeviceFacts;
+
+// Runs a block on the host's main thread (a Qt event loop, an Android looper...). Must not run it inline.
+using MainExecutor = std::function<void(std::function<void()>)>;
+// Receives each line of the platform log, without a trailing newline.
+using LogSink = std::function<void(std::string_view message)>;
+
+// What the host tells the library about the place it runs in. Set once, before initialising the library;
+// every field has a Linux default (XDG base directories, standard error, a library-owned main thread).
+struct VELMORA_EXPORT Environment {
+    // Names the application: the file the user defaults live in and the per-application directories.
+    std::string applicationDomainName;
+    // Where the user-defaults database lives. Absent: storage has nowhere to persist.
+    std::optional<std::filesystem::path> dataDirectory;
+    // The user's caches directory for this application. Absent: the library keeps no cache directory.
+    std::optional<std::filesystem::path> cachesDirectory;
+    std::optional<std::filesystem::path> documentsDirectory;
+    // Empty: the main queue runs on one thread the library owns.
+    MainExecutor mainExecutor;
+    // Empty: each line goes to standard error with a time stamp and the process and thread ids.
+    LogSink logSink;
+    // Empty: facts read from the Linux kernel and the process's locale.
+    std::shared_ptr<const DeviceFacts> deviceFacts;
+
+    // The defaults for an application of the given name (the executable's name when empty).
+    static Environment linuxDefaults(std::string applicationName = {});
+
+    // The environment in force. Before any install, linuxDefaults() of the running executable.
+    static std::shared_ptr<const Environment> current();
+    static void install(Environment environment);
+};
+
+}  // namespace velmora::platform

@@ -1,0 +1,67 @@
+#include "velmora/platform/SystemLog.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <string>
+
+#include "velmora/platform/Environment.h"
+#include "velmora/platform/Fatal.h"
+#include "velmora/platform/Format.h"
+
+namespace velmora::platform {
+namespace {
+
+void writeToStandardError(const std::string& process, std::string_view message) {
+    const auto now = std::chrono::system_clock::now();
+    const auto millis =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    char stamp[32];
+    const auto stampLength = std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &utc);
+
+    std::string line(stamp, stampLength);
+    char ids[96];
+    std::snprintf(ids, sizeof ids, ".%03dZ %s[%d:%ld] ", static_cast<int>(millis), process.c_str(),
+                  static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)));
+    line += ids;
+    line += message;
+    line += '\n';
+    // One write per line so that lines from different threads never interleave.
+    std::size_t written = 0;
+    while (written < line.size()) {
+        const auto n = ::write(STDERR_FILENO, line.data() + written, line.size() - written);
+        if (n <= 0) {
+            return;
+        }
+        written += static_cast<std::size_t>(n);
+    }
+}
+
+}  // namespace
+
+void systemLogLine(std::string_view message) {
+    const auto env = Environment::current();
+    if (env->logSink) {
+        env->logSink(message);
+    } else {
+        writeToStandardError(env->applicationDomainName, message);
+    }
+}
+
+void systemLog(std::string_view format, std::string_view argument) {
+    const std::string arguments[] = {std::string(argument)};
+    systemLogLine(formatArguments(format, arguments));
+}
+
+void fatalError(std::string_view message) {
+    systemLogLine(std::string("Fatal error: ") + std::string(message));
+    std::abort();
+}
+
+}  // namespace velmora::platform

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "velmora/Export.h"
+
+namespace velmora {
+
+// Least to most verbose.
+enum class LogLevel : int { error = 0, warn = 1, info = 2, debug = 3, verbose = 4 };
+
+// The level for a raw value, or nothing outside 0...4.
+VELMORA_EXPORT std::optional<LogLevel> logLevelFromRawValue(int rawValue);
+
+// Where the logger's output goes. `format` holds exactly one "%@", for `string`.
+class VELMORA_EXPORT LoggerType {
+  public:
+    virtual ~LoggerType() = default;
+    virtual void log(std::string_view format, std::string_view string) = 0;
+};
+
+// The default sink: one line through the platform log per message.
+class VELMORA_EXPORT ConsoleLogger : public LoggerType {
+  public:
+    void log(std::string_view format, std::string_view string) override;
+};
+
+class VELMORA_EXPORT LoggerConfig {
+  public:
+    // The sink in use; never empty (setting an empty one restores the console).
+    static std::shared_ptr<LoggerType> logger();
+    static void setLogger(std::shared_ptr<LoggerType> logger);
+};
+
+// The library's one logger. Off until the host turns it on; safe to switch from any thread.
+class VELMORA_EXPORT CoreLogger {
+  public:
+    static bool enabled() { return enabled_.load(std::memory_order_relaxed); }
+    static void setEnabled(bool enabled) { enabled_.store(enabled, std::memory_order_relaxed); }
+    static LogLevel logLevel() { return static_cast<LogLevel>(level_.load(std::memory_order_relaxed)); }
+    static void setLogLevel(LogLevel level) {
+        level_.store(static_cast<int>(level), std::memory_order_relaxed);
+    }
+
+    static void error(std::string_view message);
+    static void warn(std::string_view message);
+    static void info(std::string_view message);
+    static void debug(std::string_view message);
+    static void verbose(std::string_view message);
+
+    // Runs the block on this thread when a message of `level` would be emitted; the block does its own
+    // output.
+    static void log(LogLevel level, const std::function<void()>& loggingBlock);
+
+    // Whether a message of `level` would be emitted now; lets callers skip composing one that would not.
+    static bool isLogging(LogLevel level) {
+        return enabled() && static_cast<int>(level) <= level_.load(std::memory_order_relaxed);
+    }
+
+  private:
+    static void emit(LogLevel level, std::string_view format, std::string_view message);
+
+    static std::atomic<bool> enabled_;
+    static std::atomic<int> level_;
+};
+
+}  // namespace velmora
