@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <deque>
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -30,7 +31,9 @@ thread_local bool onPoolWorker = false;
 
 // Concurrent workers with a floor of always-ready threads. When a worker blocks in a group wait or a sync
 // and work is waiting, another worker is started in its place, so chains of blocked tasks that wait for
-// later tasks always make progress. Extra workers retire after a while without work.
+// later tasks always make progress. Idle workers are woken last-in first-out: the most recently active one
+// is likely still on a free core with warm caches, and the ones at the bottom of the stack stay idle long
+// enough to retire when they are extra.
 class GlobalPool {
   public:
     static GlobalPool& shared() {
@@ -39,12 +42,21 @@ class GlobalPool {
     }
 
     void submit(std::function<void()> task) {
-        std::lock_guard lock(mutex_);
-        tasks_.push_back(std::move(task));
-        if (tasks_.size() > idle_) {
-            spawnIfAllowed();
+        std::shared_ptr<IdleSlot> wakee;
+        {
+            std::lock_guard lock(mutex_);
+            tasks_.push_back(std::move(task));
+            if (idle_.empty()) {
+                spawnIfAllowed();
+                return;
+            }
+            wakee = std::move(idle_.back());
+            idle_.pop_back();
+            wakee->woken = true;
         }
-        wake_.notify_one();
+        // Notified outside the lock: a worker woken while the lock is still held would only block on it
+        // again, and the hand-off would cost two wake-ups instead of one.
+        wakee->wake.notify_one();
     }
 
     bool willBlock() {
@@ -53,7 +65,7 @@ class GlobalPool {
         }
         std::lock_guard lock(mutex_);
         ++blocked_;
-        if (tasks_.size() > idle_) {
+        if (tasks_.size() > idle_.size()) {
             spawnIfAllowed();
         }
         return true;
@@ -66,12 +78,19 @@ class GlobalPool {
 
     GlobalPoolStatistics statistics() {
         std::lock_guard lock(mutex_);
-        return {threads_, idle_, blocked_, peak_, base_, cap_};
+        return {threads_, idle_.size(), blocked_, peak_, base_, cap_};
     }
 
   private:
     static constexpr std::size_t cap_ = 512;
     static constexpr auto idleRetirement = std::chrono::seconds(2);
+
+    // One per worker, shared with a submitter that may notify it after the worker has moved on.
+    // `woken` is guarded by the pool's mutex.
+    struct IdleSlot {
+        std::condition_variable wake;
+        bool woken = false;
+    };
 
     GlobalPool() : base_(std::max<std::size_t>(4, std::thread::hardware_concurrency())) {}
 
@@ -97,6 +116,7 @@ class GlobalPool {
 
     void work() {
         onPoolWorker = true;
+        const auto slot = std::make_shared<IdleSlot>();
         std::unique_lock lock(mutex_);
         for (;;) {
             if (!tasks_.empty()) {
@@ -108,22 +128,24 @@ class GlobalPool {
                 lock.lock();
                 continue;
             }
-            ++idle_;
-            const bool woken = wake_.wait_for(lock, idleRetirement, [this] { return !tasks_.empty(); });
-            --idle_;
-            if (!woken && threads_ - blocked_ > base_) {
-                --threads_;
-                return;
+            slot->woken = false;
+            idle_.push_back(slot);
+            const bool woken = slot->wake.wait_for(lock, idleRetirement, [&slot] { return slot->woken; });
+            if (!woken) {
+                std::erase(idle_, slot);
+                if (threads_ - blocked_ > base_) {
+                    --threads_;
+                    return;
+                }
             }
         }
     }
 
     std::mutex mutex_;
-    std::condition_variable wake_;
     std::deque<std::function<void()>> tasks_;
+    std::vector<std::shared_ptr<IdleSlot>> idle_;  // most recently idle last
     const std::size_t base_;
     std::size_t threads_ = 0;
-    std::size_t idle_ = 0;
     std::size_t blocked_ = 0;
     std::size_t peak_ = 0;
     bool capReported_ = false;
@@ -154,8 +176,10 @@ class LibraryMainThread {
     }
 
     void submit(std::function<void()> block) {
-        std::lock_guard lock(mutex_);
-        blocks_.push_back(std::move(block));
+        {
+            std::lock_guard lock(mutex_);
+            blocks_.push_back(std::move(block));
+        }
         wake_.notify_one();
     }
 
