@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "tests/support/LogCapture.h"
+#include "tests/support/Printers.h"
 #include "velmora/platform/Environment.h"
 
 namespace velmora::testing {

@@ -19,6 +19,9 @@ VELMORA_EXPORT std::string formatArguments(std::string_view format, std::span<co
 inline std::string textOf(std::string_view text) {
     return std::string(text);
 }
+inline std::string textOf(const std::string& text) {
+    return text;
+}
 inline std::string textOf(const char* text) {
     return text == nullptr ? "(null)" : std::string(text);
 }

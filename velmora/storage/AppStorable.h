@@ -1,0 +1,46 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "velmora/Export.h"
+#include "velmora/platform/PropertyList.h"
+#include "velmora/platform/UserDefaults.h"
+
+namespace velmora {
+
+// A store that keeps its values in one user-defaults suite of a fixed name.
+class VELMORA_EXPORT UserDefaultsStorable {
+  public:
+    virtual ~UserDefaultsStorable() = default;
+
+    virtual std::string_view suiteName() const = 0;
+
+    // The suite; a name the platform refuses is a fatal error ("failed to load suite named <name>").
+    std::shared_ptr<platform::UserDefaults> defaults() const;
+};
+
+// A store that keeps one dictionary per application id inside its suite, so that two accounts configured in
+// one host application never see each other's records.
+class VELMORA_EXPORT AppStorable : public UserDefaultsStorable {
+  public:
+    explicit AppStorable(std::string appId) : appId_(std::move(appId)) {}
+
+    const std::string& appId() const { return appId_; }
+
+    // This app id's dictionary; empty when there is none or the stored value is not a dictionary.
+    PropertyValue::Dictionary storage() const;
+
+    // Removes the whole suite: every app id's data in it, not only this one's.
+    void clear() const;
+
+  protected:
+    // Puts the dictionary under the app id and synchronizes the suite; the synchronize result.
+    bool writeStorage(PropertyValue::Dictionary dictionary) const;
+
+  private:
+    std::string appId_;
+};
+
+}  // namespace velmora
