@@ -28,6 +28,12 @@ inline void printRow(const std::string& what, double p50, double p99, const char
     std::printf("  %-44s p50 %10.1f %s   p99 %10.1f %s\n", what.c_str(), p50, unit, p99, unit);
 }
 
+// Makes the compiler assume the value is read and changed here, so work on it is neither hoisted nor dropped.
+template <class T>
+inline void opaque(T& value) {
+    asm volatile("" : "+m"(value) : : "memory");
+}
+
 inline void printRatio(const std::string& name, double value) {
     std::printf("RATIO %s %.3f\n", name.c_str(), value);
 }

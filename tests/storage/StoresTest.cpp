@@ -180,15 +180,9 @@ TEST_F(StoresTest, AHostWithoutACachesDirectoryHasNoCacheDirectory) {
     EXPECT_EQ(error.code(), 0);
 }
 
-class RefusedSuiteStore : public AppStorable {
-  public:
-    using AppStorable::AppStorable;
-    std::string_view suiteName() const override { return ""; }
-};
-
 TEST(StoresDeathTest, ASuiteThePlatformRefusesIsFatal) {
     platform::Environment::install(platform::Environment::linuxDefaults("velmora-tests"));
-    EXPECT_DEATH((void)RefusedSuiteStore("app").storage(), "Fatal error: failed to load suite named \n");
+    EXPECT_DEATH(AppStorable("", "app"), "Fatal error: failed to load suite named \n");
 }
 
 }  // namespace

@@ -12,8 +12,7 @@ class VELMORA_EXPORT IdentityStore : public AppStorable {
   public:
     static constexpr std::string_view suite = "com.velmora.core.identity";
 
-    using AppStorable::AppStorable;
-    std::string_view suiteName() const override { return suite; }
+    explicit IdentityStore(std::string appId) : AppStorable(suite, std::move(appId)) {}
 };
 
 }  // namespace velmora

@@ -37,14 +37,14 @@ class DefaultsDatabase {
     DefaultsDatabase(const DefaultsDatabase&) = delete;
     DefaultsDatabase& operator=(const DefaultsDatabase&) = delete;
 
-    std::optional<PropertyValue> object(std::string_view suite, std::string_view key) {
-        std::lock_guard state(stateMutex_);
-        const auto s = suites_.find(suite);
-        if (s == suites_.end()) {
-            return std::nullopt;
+    UserDefaults::Lookup lookup(std::string_view suite, std::string_view key) {
+        UserDefaults::Lookup found{std::unique_lock(stateMutex_), nullptr};
+        if (const auto s = suites_.find(suite); s != suites_.end()) {
+            if (const auto v = s->second.values.find(key); v != s->second.values.end()) {
+                found.value = &v->second;
+            }
         }
-        const auto v = s->second.values.find(key);
-        return v == s->second.values.end() ? std::nullopt : std::optional(v->second);
+        return found;
     }
 
     void set(std::string_view suite, std::string_view key, std::optional<PropertyValue> value) {
@@ -370,7 +370,17 @@ std::shared_ptr<UserDefaults> UserDefaults::suite(std::string_view name) {
 }
 
 std::optional<PropertyValue> UserDefaults::object(std::string_view key) const {
-    return database_->object(name_, key);
+    std::optional<PropertyValue> copy;
+    inspect(key, [&](const PropertyValue* value) {
+        if (value != nullptr) {
+            copy = *value;
+        }
+    });
+    return copy;
+}
+
+UserDefaults::Lookup UserDefaults::lookup(std::string_view key) const {
+    return database_->lookup(name_, key);
 }
 
 void UserDefaults::set(std::string_view key, PropertyValue value) {

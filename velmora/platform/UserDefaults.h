@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,6 +29,20 @@ class VELMORA_EXPORT UserDefaults {
     const std::string& name() const { return name_; }
 
     std::optional<PropertyValue> object(std::string_view key) const;
+    // Calls `reader` with the value under the key (null when there is none) without copying it. The value is
+    // only valid during the call, and the reader must not use the user defaults itself.
+    template <class Reader>
+    void inspect(std::string_view key, Reader&& reader) const {
+        const auto found = lookup(key);
+        reader(found.value);
+    }
+
+    // A value found under the lock that keeps it valid; see inspect().
+    struct VELMORA_EXPORT Lookup {
+        std::unique_lock<std::mutex> lock;
+        const PropertyValue* value = nullptr;
+    };
+    Lookup lookup(std::string_view key) const;
     void set(std::string_view key, PropertyValue value);
     void removeObject(std::string_view key);
 

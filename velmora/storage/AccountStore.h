@@ -26,7 +26,7 @@ class VELMORA_EXPORT AccountStore : public AccountStoreProvider, public UserDefa
     static constexpr std::string_view suite = "com.velmora.core.account";
     static constexpr std::string_view accountIdKey = "account-id";
 
-    std::string_view suiteName() const override { return suite; }
+    AccountStore() : UserDefaultsStorable(suite) {}
 
     // Whether the recorded account is the one of `details`; false when none (or no text) is recorded.
     bool storedAccount(const AccountDetails& details) const override;

@@ -6,12 +6,11 @@
 
 namespace velmora {
 
-std::shared_ptr<platform::UserDefaults> UserDefaultsStorable::defaults() const {
-    auto suite = platform::UserDefaults::suite(suiteName());
-    if (!suite) {
-        platform::fatalError(platform::format("failed to load suite named %@", suiteName()));
+UserDefaultsStorable::UserDefaultsStorable(std::string_view suiteName)
+    : suiteName_(suiteName), defaults_(platform::UserDefaults::suite(suiteName)) {
+    if (!defaults_) {
+        platform::fatalError(platform::format("failed to load suite named %@", suiteName));
     }
-    return suite;
 }
 
 PropertyValue::Dictionary AppStorable::storage() const {
@@ -22,6 +21,19 @@ PropertyValue::Dictionary AppStorable::storage() const {
         }
     }
     return {};
+}
+
+std::optional<PropertyValue> AppStorable::storedValue(std::string_view key) const {
+    std::optional<PropertyValue> found;
+    defaults()->inspect(appId_, [&](const PropertyValue* stored) {
+        const auto* dictionary = stored != nullptr ? stored->getIf<PropertyValue::Dictionary>() : nullptr;
+        if (dictionary != nullptr) {
+            if (const auto it = dictionary->find(key); it != dictionary->end()) {
+                found = it->second;
+            }
+        }
+    });
+    return found;
 }
 
 void AppStorable::clear() const {

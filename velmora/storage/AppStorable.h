@@ -10,27 +10,34 @@
 
 namespace velmora {
 
-// A store that keeps its values in one user-defaults suite of a fixed name.
+// A store that keeps its values in one user-defaults suite of a fixed name. The suite is opened when the
+// store is made; a name the platform refuses is a fatal error ("failed to load suite named <name>").
 class VELMORA_EXPORT UserDefaultsStorable {
   public:
+    explicit UserDefaultsStorable(std::string_view suiteName);
     virtual ~UserDefaultsStorable() = default;
 
-    virtual std::string_view suiteName() const = 0;
+    const std::string& suiteName() const { return suiteName_; }
+    const std::shared_ptr<platform::UserDefaults>& defaults() const { return defaults_; }
 
-    // The suite; a name the platform refuses is a fatal error ("failed to load suite named <name>").
-    std::shared_ptr<platform::UserDefaults> defaults() const;
+  private:
+    std::string suiteName_;
+    std::shared_ptr<platform::UserDefaults> defaults_;
 };
 
 // A store that keeps one dictionary per application id inside its suite, so that two accounts configured in
 // one host application never see each other's records.
 class VELMORA_EXPORT AppStorable : public UserDefaultsStorable {
   public:
-    explicit AppStorable(std::string appId) : appId_(std::move(appId)) {}
+    AppStorable(std::string_view suiteName, std::string appId)
+        : UserDefaultsStorable(suiteName), appId_(std::move(appId)) {}
 
     const std::string& appId() const { return appId_; }
 
     // This app id's dictionary; empty when there is none or the stored value is not a dictionary.
     PropertyValue::Dictionary storage() const;
+    // One member of this app id's dictionary, read in place.
+    std::optional<PropertyValue> storedValue(std::string_view key) const;
 
     // Removes the whole suite: every app id's data in it, not only this one's.
     void clear() const;

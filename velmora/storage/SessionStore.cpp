@@ -8,9 +8,7 @@ namespace velmora {
 using platform::format;
 
 std::optional<PropertyValue> SessionStore::value(std::string_view key) const {
-    const auto dictionary = storage();
-    const auto it = dictionary.find(key);
-    return it == dictionary.end() ? std::nullopt : std::optional(it->second);
+    return storedValue(key);
 }
 
 bool SessionStore::store(const std::optional<PropertyValue>& value, std::string_view key) const {

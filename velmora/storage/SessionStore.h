@@ -16,8 +16,7 @@ class VELMORA_EXPORT SessionStore : public AppStorable, public PushTokenManageme
     static constexpr std::string_view suite = "com.velmora.core.session";
     static constexpr std::string_view pushTokenKey = "pushToken";
 
-    using AppStorable::AppStorable;
-    std::string_view suiteName() const override { return suite; }
+    explicit SessionStore(std::string appId) : AppStorable(suite, std::move(appId)) {}
 
     std::optional<PropertyValue> value(std::string_view key) const;
     // Stores the value under the key (removes the key when the value is empty), synchronizes, and reports

@@ -15,8 +15,7 @@ class VELMORA_EXPORT SettingsStore : public AppStorable, public DataCache, publi
     static constexpr std::string_view updatedAtKey = "updated_at";
     static constexpr std::string_view name = "settings";
 
-    using AppStorable::AppStorable;
-    std::string_view suiteName() const override { return suite; }
+    explicit SettingsStore(std::string appId) : AppStorable(suite, std::move(appId)) {}
 
     bool storeSettings(const Data& settings) const;
     std::optional<Data> settings() const override;
