@@ -5,6 +5,7 @@
 #include "tests/support/LibraryTest.h"
 #include "tests/support/PersistedDefaults.h"
 #include "velmora/core/AccountStorageStrategy.h"
+#include "velmora/platform/Utf8.h"
 
 namespace velmora::testing {
 namespace {
@@ -38,9 +39,10 @@ TEST_F(AccountTest, DetailsThatAreNotTextCannotBeRecorded) {
     EXPECT_EQ(result.error().domain(), "VelmoraCoreSDK.AccountStoreError");
     EXPECT_EQ(result.error().code(), 0);
 
-    EXPECT_TRUE(isValidUtf8("plain caf\u00e9 \U0001F600"));
+    EXPECT_TRUE(platform::isValidUtf8("plain caf\u00e9 \U0001F600"));
     for (const char* bad : {"\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82", "\x80"}) {
-        EXPECT_FALSE(isValidUtf8(bad)) << "overlong, surrogate, too large, truncated or stray continuation";
+        EXPECT_FALSE(platform::isValidUtf8(bad))
+            << "overlong, surrogate, too large, truncated or stray continuation";
     }
 }
 

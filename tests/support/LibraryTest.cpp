@@ -1,5 +1,6 @@
 #include "tests/support/LibraryTest.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -7,11 +8,14 @@
 
 namespace velmora::testing {
 
-void LibraryTest::SetUp() {
+LibraryTest::LibraryTest() {
     const char* tmp = std::getenv("TMPDIR");
     std::string pattern =
         std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") + "/velmora-test-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr) << "cannot create a temporary directory";
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        std::perror("LibraryTest: cannot create a temporary directory");
+        std::abort();
+    }
     root = pattern;
 
     environment = platform::Environment{};
@@ -33,7 +37,7 @@ void LibraryTest::reinstallEnvironment() {
     platform::Environment::install(environment);
 }
 
-void LibraryTest::TearDown() {
+LibraryTest::~LibraryTest() {
     CoreLogger::setEnabled(false);
     LoggerConfig::setLogger(nullptr);
     std::error_code ignored;

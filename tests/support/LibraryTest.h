@@ -13,10 +13,11 @@ namespace velmora::testing {
 
 // Base fixture: fresh data, caches and documents directories under a new temporary folder, installed in the
 // platform environment; the platform log and the library's logger (on, at debug) captured in `logs`.
+// Done in the constructor, so that stores held as members of derived fixtures already see it.
 class LibraryTest : public ::testing::Test {
   protected:
-    void SetUp() override;
-    void TearDown() override;
+    LibraryTest();
+    ~LibraryTest() override;
 
     // Installs the environment again after a test changed a field of `environment`.
     void reinstallEnvironment();

@@ -38,7 +38,4 @@ class VELMORA_EXPORT ApplicationConfiguration : public AccountDetails {
     std::string accountUrl_;
 };
 
-// Whether the text is well-formed UTF-8 (no overlong forms, surrogates or values past U+10FFFF).
-VELMORA_EXPORT bool isValidUtf8(std::string_view text);
-
 }  // namespace velmora

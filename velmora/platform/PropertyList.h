@@ -63,7 +63,8 @@ class VELMORA_EXPORT PropertyValue {
 VELMORA_EXPORT std::string textOf(const PropertyValue& value);
 VELMORA_EXPORT std::string textOf(const std::optional<PropertyValue>& value);
 
-// Binary property lists ("bplist00"). Dates keep whole milliseconds.
+// Binary property lists ("bplist00"). Dates keep whole milliseconds between 1933 and 2069 (the encoder's
+// range). Strings must be UTF-8 without NUL bytes: the format has no way to keep anything else.
 VELMORA_EXPORT Data encodeBinaryPropertyList(const PropertyValue& value);
 // Nothing when the bytes are not a binary property list, or nest deeper than the library ever writes.
 VELMORA_EXPORT std::optional<PropertyValue> decodeBinaryPropertyList(const Data& bytes);

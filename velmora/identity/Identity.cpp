@@ -1,0 +1,114 @@
+#include "velmora/identity/Identity.h"
+
+#include "velmora/support/LibraryError.h"
+
+namespace velmora {
+namespace {
+
+void putIfPresent(nlohmann::json& json, const char* key, const std::optional<std::string>& value) {
+    if (value) {
+        json[key] = *value;
+    }
+}
+
+// A member that may be missing or null; present with another type is a decoding failure.
+bool readOptionalString(const nlohmann::json& object, const char* key, std::optional<std::string>& out) {
+    const auto it = object.find(key);
+    if (it == object.end() || it->is_null()) {
+        out.reset();
+        return true;
+    }
+    if (!it->is_string()) {
+        return false;
+    }
+    out = it->get<std::string>();
+    return true;
+}
+
+std::optional<Anonymous> decodeAnonymous(const nlohmann::json& json) {
+    Anonymous anonymous;
+    if (!json.is_object() || !readOptionalString(json, "name", anonymous.name) ||
+        !readOptionalString(json, "email", anonymous.email) ||
+        !readOptionalString(json, "guid", anonymous.guid)) {
+        return std::nullopt;
+    }
+    return anonymous;
+}
+
+std::optional<Jwt> decodeJwt(const nlohmann::json& json) {
+    if (!json.is_object()) {
+        return std::nullopt;
+    }
+    const auto token = json.find("token");
+    if (token == json.end() || !token->is_string()) {
+        return std::nullopt;
+    }
+    return Jwt{token->get<std::string>()};
+}
+
+}  // namespace
+
+Error toError(Identity::IdentityError error) {
+    return libraryError("Identity.IdentityError", error, std::nullopt);
+}
+
+void to_json(nlohmann::json& json, const Jwt& jwt) {
+    json = nlohmann::json{{"token", jwt.token}};
+}
+
+void to_json(nlohmann::json& json, const Anonymous& anonymous) {
+    json = nlohmann::json::object();
+    putIfPresent(json, "name", anonymous.name);
+    putIfPresent(json, "email", anonymous.email);
+    putIfPresent(json, "guid", anonymous.guid);
+}
+
+void to_json(nlohmann::json& json, const AnonymousDecorator& decorator) {
+    json = nlohmann::json::object();
+    putIfPresent(json, "sdk_guid", decorator.sdk_guid);
+    putIfPresent(json, "name", decorator.name);
+    putIfPresent(json, "email", decorator.email);
+}
+
+nlohmann::json Identity::toJson() const {
+    if (const auto* a = anonymous()) {
+        return nlohmann::json{{"anonymous", *a}};
+    }
+    return nlohmann::json{{"jwt", *jwt()}};
+}
+
+Result<Data> Identity::encode() const {
+    try {
+        return Result<Data>::success(Data::fromString(toJson().dump()));
+    } catch (const nlohmann::json::exception& e) {
+        return Result<Data>::error(Error::withDescription("NSCocoaErrorDomain", 4866, e.what()));
+    }
+}
+
+Result<Identity> Identity::fromJson(const nlohmann::json& json) {
+    if (json.is_object()) {
+        if (const auto it = json.find("anonymous"); it != json.end()) {
+            if (auto a = decodeAnonymous(*it)) {
+                return Result<Identity>::success(Identity(std::move(*a)));
+            }
+        }
+        if (const auto it = json.find("jwt"); it != json.end()) {
+            if (auto j = decodeJwt(*it)) {
+                return Result<Identity>::success(Identity(std::move(*j)));
+            }
+        }
+    }
+    return Result<Identity>::error(toError(IdentityError::unknownType));
+}
+
+Result<Identity> Identity::decode(const Data& data) {
+    auto json = nlohmann::json::parse(data.view(), nullptr, false);
+    if (json.is_discarded()) {
+        return Result<Identity>::error(Error::withDescription(
+            "NSCocoaErrorDomain", 3840,
+            "The data couldn\u2019t be read because it isn\u2019t in the correct format."));
+    }
+    return fromJson(json);
+}
+
+}  // namespace velmora
