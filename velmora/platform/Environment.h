@@ -18,6 +18,16 @@ using MainExecutor = std::function<void(std::function<void()>)>;
 // Receives each line of the platform log, without a trailing newline.
 using LogSink = std::function<void(std::string_view message)>;
 
+// How the URL session reaches the network.
+struct HTTPOptions {
+    // A PEM file of the certificate authorities to trust instead of the system's.
+    std::optional<std::filesystem::path> caBundle;
+    // A proxy in libcurl's notation ("http://proxy:3128", "socks5h://..."); empty: the usual proxy variables.
+    std::optional<std::string> proxy;
+    // Seconds without progress after which a request fails with the time-out error.
+    double timeoutInterval = 60;
+};
+
 // What the host tells the library about the place it runs in. Set once, before initialising the library;
 // every field has a Linux default (XDG base directories, standard error, a library-owned main thread).
 struct VELMORA_EXPORT Environment {
@@ -34,6 +44,7 @@ struct VELMORA_EXPORT Environment {
     LogSink logSink;
     // Empty: facts read from the Linux kernel and the process's locale.
     std::shared_ptr<const DeviceFacts> deviceFacts;
+    HTTPOptions http;
 
     // The defaults for an application of the given name (the executable's name when empty).
     static Environment linuxDefaults(std::string applicationName = {});

@@ -1,0 +1,45 @@
+#include "velmora/platform/URL.h"
+
+#include <curl/curl.h>
+
+#include <memory>
+
+namespace velmora::platform {
+namespace {
+
+std::string part(CURLU* handle, CURLUPart which, unsigned flags = 0) {
+    char* value = nullptr;
+    if (curl_url_get(handle, which, &value, flags) != CURLUE_OK || value == nullptr) {
+        return {};
+    }
+    std::string text(value);
+    curl_free(value);
+    return text;
+}
+
+}  // namespace
+
+std::optional<URL> URL::fromString(std::string_view text) {
+    std::unique_ptr<CURLU, void (*)(CURLU*)> handle(curl_url(), curl_url_cleanup);
+    const std::string copy(text);
+    if (!handle || copy.find_first_of(" \t\r\n") != std::string::npos ||
+        curl_url_set(handle.get(), CURLUPART_URL, copy.c_str(), 0) != CURLUE_OK) {
+        return std::nullopt;
+    }
+    URL url;
+    url.text_ = copy;
+    url.scheme_ = part(handle.get(), CURLUPART_SCHEME);
+    url.host_ = part(handle.get(), CURLUPART_HOST);
+    const auto port = part(handle.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT);
+    url.port_ = port.empty() ? 0 : std::stoi(port);
+    if (url.scheme_.empty() || url.host_.empty()) {
+        return std::nullopt;
+    }
+    return url;
+}
+
+std::string URL::origin() const {
+    return scheme_ + "://" + host_ + ":" + std::to_string(port_);
+}
+
+}  // namespace velmora::platform

@@ -1,0 +1,478 @@
+#include "velmora/platform/URLSession.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <map>
+#include <thread>
+#include <vector>
+
+#include "velmora/platform/Environment.h"
+#include "velmora/platform/Format.h"
+#include "velmora/platform/SystemLog.h"
+
+namespace velmora::platform {
+namespace {
+
+std::string describe(int code) {
+    switch (code) {
+        case URLError::cancelled:
+            return "cancelled";
+        case URLError::badURL:
+            return "unsupported URL";
+        case URLError::timedOut:
+            return "The request timed out.";
+        case URLError::cannotFindHost:
+            return "A server with the specified hostname could not be found.";
+        case URLError::cannotConnectToHost:
+            return "Could not connect to the server.";
+        case URLError::networkConnectionLost:
+            return "The network connection was lost.";
+        case URLError::httpTooManyRedirects:
+            return "too many HTTP redirects";
+        case URLError::badServerResponse:
+            return "The server returned a bad response.";
+        case URLError::secureConnectionFailed:
+            return "An SSL error has occurred and a secure connection to the server cannot be made.";
+        case URLError::serverCertificateUntrusted:
+            return "The certificate for this server is invalid.";
+        default:
+            return "An unknown error occurred.";
+    }
+}
+
+int urlErrorCode(CURLcode code) {
+    switch (code) {
+        case CURLE_OPERATION_TIMEDOUT:
+            return URLError::timedOut;
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_RESOLVE_PROXY:
+            return URLError::cannotFindHost;
+        case CURLE_COULDNT_CONNECT:
+            return URLError::cannotConnectToHost;
+        case CURLE_SEND_ERROR:
+        case CURLE_RECV_ERROR:
+        case CURLE_GOT_NOTHING:
+        case CURLE_PARTIAL_FILE:
+        case CURLE_HTTP2:
+        case CURLE_HTTP2_STREAM:
+            return URLError::networkConnectionLost;
+        case CURLE_TOO_MANY_REDIRECTS:
+            return URLError::httpTooManyRedirects;
+        case CURLE_URL_MALFORMAT:
+        case CURLE_UNSUPPORTED_PROTOCOL:
+            return URLError::badURL;
+        case CURLE_PEER_FAILED_VERIFICATION:
+            return URLError::serverCertificateUntrusted;
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_CIPHER:
+        case CURLE_SSL_CACERT_BADFILE:
+            return URLError::secureConnectionFailed;
+        case CURLE_WEIRD_SERVER_REPLY:
+            return URLError::badServerResponse;
+        default:
+            return URLError::unknown;
+    }
+}
+
+// Whether a response to this request can carry a body at all; one that can but sends none has an empty body.
+bool mayHaveBody(const std::string& method, int status) {
+    return method != "HEAD" && status != 204 && status != 304 && !(status >= 100 && status < 200);
+}
+
+void initialiseCurlOnce() {
+    static const bool done = [] { return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; }();
+    (void)done;
+}
+
+}  // namespace
+
+Error URLError::make(int code, const std::string& failingUrl, const std::string& detail) {
+    nlohmann::json info{{std::string(Error::localizedDescriptionKey), describe(code)},
+                        {"NSErrorFailingURLStringKey", failingUrl}};
+    if (!detail.empty()) {
+        info["NSDebugDescription"] = detail;
+    }
+    return Error(std::string(domain), code, std::move(info));
+}
+
+std::shared_ptr<const HTTPURLResponse> URLSessionDataTask::response() const {
+    std::lock_guard lock(mutex_);
+    return response_;
+}
+
+std::optional<Error> URLSessionDataTask::error() const {
+    std::lock_guard lock(mutex_);
+    return error_;
+}
+
+void URLSessionDataTask::resume() {
+    {
+        std::lock_guard lock(mutex_);
+        if (resumed_) {
+            return;
+        }
+        resumed_ = true;
+    }
+    if (const auto session = session_.lock()) {
+        session->start(shared_from_this());
+    }
+}
+
+void URLSessionDataTask::cancel() {
+    if (const auto session = session_.lock()) {
+        session->cancel(shared_from_this());
+    }
+}
+
+// The session's thread and everything only it touches, apart from the queue of operations handed to it.
+struct URLSession::Engine {
+    struct Transfer {
+        std::shared_ptr<URLSessionDataTask> task;
+        CURL* easy = nullptr;
+        curl_slist* headers = nullptr;
+        std::string body;
+        HTTPHeaderFields responseHeaders;
+        bool delivered = false;  // a chunk (possibly empty) reached the delegate
+        curl_off_t sent = 0;
+        char errorText[CURL_ERROR_SIZE] = {};
+    };
+
+    URLSession& session;
+    CURLM* multi = nullptr;
+    std::thread thread;
+    std::mutex mutex;
+    std::vector<std::function<void()>> operations;  // run on the session thread
+    bool invalidating = false;
+    std::map<CURL*, std::unique_ptr<Transfer>> transfers;
+    std::atomic<std::uint64_t> nextIdentifier{1};
+
+    explicit Engine(URLSession& owner) : session(owner) {
+        initialiseCurlOnce();
+        multi = curl_multi_init();
+        curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS,
+                          static_cast<long>(owner.configuration_.httpMaximumConnectionsPerHost));
+        curl_multi_setopt(multi, CURLMOPT_PIPELINING, static_cast<long>(CURLPIPE_MULTIPLEX));
+    }
+
+    void post(std::function<void()> operation) {
+        {
+            std::lock_guard lock(mutex);
+            operations.push_back(std::move(operation));
+        }
+        curl_multi_wakeup(multi);
+    }
+
+    void run() {
+        for (;;) {
+            std::vector<std::function<void()>> due;
+            bool finishing = false;
+            {
+                std::lock_guard lock(mutex);
+                due.swap(operations);
+                finishing = invalidating;
+            }
+            for (auto& operation : due) {
+                operation();
+            }
+            int running = 0;
+            curl_multi_perform(multi, &running);
+            int queued = 0;
+            while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+                if (message->msg == CURLMSG_DONE) {
+                    finish(message->easy_handle, message->data.result);
+                }
+            }
+            if (finishing && transfers.empty()) {
+                std::lock_guard lock(mutex);
+                if (operations.empty()) {
+                    break;
+                }
+            }
+            curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+        }
+        session.delegate_->didBecomeInvalid(session, std::nullopt);
+    }
+
+    static size_t onHeader(char* buffer, size_t size, size_t count, void* user) {
+        auto& transfer = *static_cast<Transfer*>(user);
+        const std::string_view line(buffer, size * count);
+        if (line.starts_with("HTTP/")) {
+            transfer.responseHeaders.clear();  // a redirect or an interim answer came before this one
+        } else if (const auto colon = line.find(':'); colon != std::string_view::npos) {
+            const auto trim = [](std::string_view text) {
+                while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front())))
+                    text.remove_prefix(1);
+                while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back())))
+                    text.remove_suffix(1);
+                return std::string(text);
+            };
+            const auto name = trim(line.substr(0, colon));
+            const auto value = trim(line.substr(colon + 1));
+            auto [it, inserted] = transfer.responseHeaders.emplace(name, value);
+            if (!inserted) {
+                it->second += ", " + value;  // repeated fields combine, as HTTP allows
+            }
+        }
+        return size * count;
+    }
+
+    static size_t onData(char* buffer, size_t size, size_t count, void* user) {
+        auto& transfer = *static_cast<Transfer*>(user);
+        auto& engine = *currentEngine;
+        engine.captureResponse(transfer);
+        transfer.delivered = true;
+        engine.session.delegate_->didReceiveData(engine.session, *transfer.task, Data(buffer, size * count));
+        return size * count;
+    }
+
+    static int onProgress(void* user, curl_off_t, curl_off_t, curl_off_t totalToSend, curl_off_t sentNow) {
+        auto& transfer = *static_cast<Transfer*>(user);
+        if (sentNow > transfer.sent) {
+            const auto step = sentNow - transfer.sent;
+            transfer.sent = sentNow;
+            const auto expected =
+                totalToSend > 0 ? totalToSend : static_cast<curl_off_t>(transfer.body.size());
+            currentEngine->session.delegate_->didSendBodyData(currentEngine->session, *transfer.task, step,
+                                                              sentNow, expected);
+        }
+        return 0;
+    }
+
+    // The engine whose thread is running; callbacks find it here, since only this thread calls them.
+    static thread_local Engine* currentEngine;
+
+    void captureResponse(Transfer& transfer) {
+        if (transfer.task->response()) {
+            return;
+        }
+        long status = 0;
+        curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
+        if (status == 0) {
+            return;
+        }
+        char* effective = nullptr;
+        curl_easy_getinfo(transfer.easy, CURLINFO_EFFECTIVE_URL, &effective);
+        auto url = effective != nullptr ? URL::fromString(effective) : std::nullopt;
+        auto response = std::make_shared<const HTTPURLResponse>(
+            url ? *url : transfer.task->request_.url, static_cast<int>(status), transfer.responseHeaders);
+        std::lock_guard lock(transfer.task->mutex_);
+        transfer.task->response_ = std::move(response);
+    }
+
+    void begin(const std::shared_ptr<URLSessionDataTask>& task) {
+        bool refuse = false;
+        {
+            std::lock_guard lock(mutex);
+            refuse = invalidating;
+        }
+        auto transfer = std::make_unique<Transfer>();
+        transfer->task = task;
+        if (refuse) {
+            complete(*transfer, URLError::make(URLError::cancelled, task->request_.url.absoluteString(),
+                                               "the session was invalidated"));
+            return;
+        }
+        const auto env = Environment::current();
+        const URLRequest& request = task->request_;
+        CURL* easy = curl_easy_init();
+        transfer->easy = easy;
+        curl_easy_setopt(easy, CURLOPT_URL, request.url.absoluteString().c_str());
+        curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
+        curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->errorText);
+        curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+        curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
+        curl_easy_setopt(easy, CURLOPT_UNRESTRICTED_AUTH, 0L);
+        curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+        curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+        curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+        curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+        if (env->http.caBundle) {
+            curl_easy_setopt(easy, CURLOPT_CAINFO, env->http.caBundle->c_str());
+        }
+        if (env->http.proxy) {
+            curl_easy_setopt(easy, CURLOPT_PROXY, env->http.proxy->c_str());
+        }
+        // "No progress for this long" is the time-out: for connecting, and for any stretch without a byte.
+        const double timeout = request.timeoutInterval.value_or(env->http.timeoutInterval);
+        const long timeoutMs = std::max(1L, static_cast<long>(timeout * 1000));
+        curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
+        curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+        curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, std::max(1L, (timeoutMs + 999) / 1000));
+
+        HTTPHeaderFields headers = request.allHTTPHeaderFields;
+        for (const auto& [name, value] : session.configuration_.httpAdditionalHeaders) {
+            headers.emplace(name, value);  // the request's own value wins
+        }
+        headers.emplace("Expect", "");
+        for (const auto& [name, value] : headers) {
+            const std::string line =
+                value.empty() ? name + (name == "Expect" ? ":" : ";") : name + ": " + value;
+            transfer->headers = curl_slist_append(transfer->headers, line.c_str());
+        }
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
+
+        if (request.httpMethod == "GET" && !request.httpBody) {
+            curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+        } else if (request.httpMethod == "HEAD") {
+            curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+        } else {
+            if (request.httpMethod == "POST") {
+                curl_easy_setopt(easy, CURLOPT_POST, 1L);
+            } else {
+                curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, request.httpMethod.c_str());
+            }
+            if (request.httpBody || request.httpMethod == "POST" || request.httpMethod == "PUT") {
+                transfer->body = request.httpBody ? request.httpBody->toString() : std::string();
+                curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                                 static_cast<curl_off_t>(transfer->body.size()));
+                curl_easy_setopt(easy, CURLOPT_POSTFIELDS, transfer->body.data());
+            }
+        }
+        curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Engine::onHeader);
+        curl_easy_setopt(easy, CURLOPT_HEADERDATA, transfer.get());
+        curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Engine::onData);
+        curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
+        curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &Engine::onProgress);
+        curl_easy_setopt(easy, CURLOPT_XFERINFODATA, transfer.get());
+        curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+
+        curl_multi_add_handle(multi, easy);
+        transfers.emplace(easy, std::move(transfer));
+    }
+
+    void finish(CURL* easy, CURLcode result) {
+        const auto it = transfers.find(easy);
+        if (it == transfers.end()) {
+            return;
+        }
+        auto transfer = std::move(it->second);
+        transfers.erase(it);
+        curl_multi_remove_handle(multi, easy);
+        captureResponse(*transfer);
+        std::optional<Error> error;
+        if (result != CURLE_OK) {
+            error = URLError::make(
+                urlErrorCode(result), transfer->task->request_.url.absoluteString(),
+                transfer->errorText[0] != '\0' ? transfer->errorText : curl_easy_strerror(result));
+        }
+        const auto response = transfer->task->response();
+        if (!error && response && !transfer->delivered &&
+            mayHaveBody(transfer->task->request_.httpMethod, response->statusCode())) {
+            transfer->delivered = true;
+            session.delegate_->didReceiveData(session, *transfer->task, Data());
+        }
+        complete(*transfer, std::move(error));
+    }
+
+    void complete(Transfer& transfer, std::optional<Error> error) {
+        {
+            std::lock_guard lock(transfer.task->mutex_);
+            transfer.task->error_ = error;
+        }
+        const auto response = transfer.task->response();
+        if (!error && response && session.configuration_.urlCache) {
+            // The body was handed out chunk by chunk; what a cache would keep is offered by the delegate's
+            // handler, which gathered it. The proposal carries the response; the delegate decides.
+            const CachedURLResponse proposed{response, Data(), URLCacheStoragePolicy::allowed};
+            bool answered = false;
+            session.delegate_->willCacheResponse(session, *transfer.task, proposed,
+                                                 [&](std::optional<CachedURLResponse> chosen) {
+                                                     answered = true;
+                                                     if (chosen) {
+                                                         session.configuration_.urlCache->storeCachedResponse(
+                                                             *chosen, transfer.task->request_);
+                                                     }
+                                                 });
+            if (!answered) {
+                systemLogLine("URLSession: the delegate did not answer willCacheResponse; nothing cached");
+            }
+        }
+        session.delegate_->didComplete(session, *transfer.task, error);
+        if (transfer.easy != nullptr) {
+            curl_easy_cleanup(transfer.easy);
+        }
+        curl_slist_free_all(transfer.headers);
+    }
+
+    void cancel(const std::shared_ptr<URLSessionDataTask>& task) {
+        for (auto& [easy, transfer] : transfers) {
+            if (transfer->task == task) {
+                auto owned = std::move(transfer);
+                transfers.erase(easy);
+                curl_multi_remove_handle(multi, owned->easy);
+                complete(*owned, URLError::make(URLError::cancelled, task->request_.url.absoluteString()));
+                return;
+            }
+        }
+    }
+
+    void cancelEverything() {
+        while (!transfers.empty()) {
+            cancel(transfers.begin()->second->task);
+        }
+    }
+};
+
+thread_local URLSession::Engine* URLSession::Engine::currentEngine = nullptr;
+
+URLSession::URLSession(URLSessionConfiguration configuration, std::shared_ptr<URLSessionDelegate> delegate)
+    : configuration_(std::move(configuration)),
+      delegate_(std::move(delegate)),
+      engine_(std::make_unique<Engine>(*this)) {}
+
+std::shared_ptr<URLSession> URLSession::make(URLSessionConfiguration configuration,
+                                             std::shared_ptr<URLSessionDelegate> delegate) {
+    std::shared_ptr<URLSession> session(new URLSession(std::move(configuration), std::move(delegate)));
+    Engine* engine = session->engine_.get();
+    engine->thread = std::thread([engine] {
+        Engine::currentEngine = engine;
+        engine->run();
+    });
+    return session;
+}
+
+URLSession::~URLSession() {
+    invalidateAndCancel();
+    if (engine_->thread.joinable()) {
+        if (engine_->thread.get_id() == std::this_thread::get_id()) {
+            engine_->thread.detach();  // released from one of its own callbacks; the loop ends by itself
+        } else {
+            engine_->thread.join();
+        }
+    }
+    curl_multi_cleanup(engine_->multi);
+}
+
+std::shared_ptr<URLSessionDataTask> URLSession::dataTask(URLRequest request) {
+    return std::make_shared<URLSessionDataTask>(engine_->nextIdentifier.fetch_add(1), std::move(request),
+                                                weak_from_this());
+}
+
+void URLSession::start(std::shared_ptr<URLSessionDataTask> task) {
+    engine_->post([this, task = std::move(task)] { engine_->begin(task); });
+}
+
+void URLSession::cancel(std::shared_ptr<URLSessionDataTask> task) {
+    engine_->post([this, task = std::move(task)] { engine_->cancel(task); });
+}
+
+void URLSession::finishTasksAndInvalidate() {
+    {
+        std::lock_guard lock(engine_->mutex);
+        engine_->invalidating = true;
+    }
+    curl_multi_wakeup(engine_->multi);
+}
+
+void URLSession::invalidateAndCancel() {
+    engine_->post([this] { engine_->cancelEverything(); });
+    finishTasksAndInvalidate();
+}
+
+}  // namespace velmora::platform
