@@ -104,6 +104,9 @@ AccountServer::AccountServer(Options options) : host_(options.host) {
         throw std::runtime_error("velmora-mock: cannot set up the server (certificate or key unreadable?)");
     }
     server_->set_keep_alive_max_count(1000);
+    server_->set_payload_max_length(64 * 1024 * 1024);
+    // Idle keep-alive connections would otherwise hold stop() up for the default five seconds.
+    server_->set_keep_alive_timeout(1);
     const auto handler = [this](const httplib::Request& request, httplib::Response& response) {
         RecordedRequest recorded{request.method, request.target, {}, request.body};
         for (const auto& [name, value] : request.headers) {
@@ -126,8 +129,10 @@ AccountServer::AccountServer(Options options) : host_(options.host) {
             return;
         }
         const ScriptedAnswer answer = *reply.scripted;
-        const std::string contentType =
-            answer.headers.count("Content-Type") ? answer.headers.at("Content-Type") : "application/json";
+        // With a charset the server does not compress JSON, which would gather the chunks into one.
+        const std::string contentType = answer.headers.count("Content-Type")
+                                            ? answer.headers.at("Content-Type")
+                                            : "application/json; charset=utf-8";
         if (answer.drop) {
             response.set_content_provider(16, contentType,
                                           [](std::size_t, std::size_t, httplib::DataSink&) { return false; });
@@ -173,6 +178,10 @@ AccountServer::AccountServer(Options options) : host_(options.host) {
                                  std::to_string(options.port));
     }
     thread_ = std::thread([this] { server_->listen_after_bind(); });
+    // stop() only reaches a server whose accept loop runs; a server stopped before that would never end.
+    for (int i = 0; i < 5000 && !server_->is_running(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 AccountServer::~AccountServer() {

@@ -27,7 +27,7 @@ struct RecordedRequest {
     std::string method;
     std::string target;  // path with the raw query
     std::multimap<std::string, std::string> headers;
-    std::string body;
+    std::string body = {};
 
     std::string path() const { return target.substr(0, target.find('?')); }
     // The first value of a header, matched without regard to case.
@@ -38,11 +38,11 @@ struct RecordedRequest {
 // What the server answers the next matching request with, instead of its ordinary behaviour.
 struct ScriptedAnswer {
     int status = 200;
-    std::string body;
-    std::map<std::string, std::string> headers;
+    std::string body = {};
+    std::map<std::string, std::string> headers = {};
     std::chrono::milliseconds delay{0};  // before anything is sent
     // Sent as separate chunks with `chunkDelay` between them (chunked transfer encoding); overrides `body`.
-    std::vector<std::string> chunks;
+    std::vector<std::string> chunks = {};
     std::chrono::milliseconds chunkDelay{30};
     bool truncate = false;  // declare twice the body's length, send the body, close the connection
     bool drop = false;      // send the status line and headers, then close the connection

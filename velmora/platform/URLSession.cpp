@@ -147,6 +147,7 @@ struct URLSession::Engine {
     std::mutex mutex;
     std::vector<std::function<void()>> operations;  // run on the session thread
     bool invalidating = false;
+    bool finished = false;  // the thread has left its loop; nothing runs `operations` any more
     std::map<CURL*, std::unique_ptr<Transfer>> transfers;
     std::atomic<std::uint64_t> nextIdentifier{1};
 
@@ -189,6 +190,7 @@ struct URLSession::Engine {
             if (finishing && transfers.empty()) {
                 std::lock_guard lock(mutex);
                 if (operations.empty()) {
+                    finished = true;
                     break;
                 }
             }
@@ -263,12 +265,8 @@ struct URLSession::Engine {
         transfer.task->response_ = std::move(response);
     }
 
-    void begin(const std::shared_ptr<URLSessionDataTask>& task) {
-        bool refuse = false;
-        {
-            std::lock_guard lock(mutex);
-            refuse = invalidating;
-        }
+    // `refuse`: the session was already invalidated when the task was resumed.
+    void begin(const std::shared_ptr<URLSessionDataTask>& task, bool refuse) {
         auto transfer = std::make_unique<Transfer>();
         transfer->task = task;
         if (refuse) {
@@ -455,10 +453,24 @@ std::shared_ptr<URLSessionDataTask> URLSession::dataTask(URLRequest request) {
 }
 
 void URLSession::start(std::shared_ptr<URLSessionDataTask> task) {
-    engine_->post([this, task = std::move(task)] { engine_->begin(task); });
+    {
+        std::lock_guard lock(engine_->mutex);
+        const bool refuse = engine_->invalidating;
+        if (!engine_->finished) {
+            engine_->operations.push_back([this, task, refuse] { engine_->begin(task, refuse); });
+            task = nullptr;
+        }
+    }
+    if (task) {
+        // The session's thread is gone, so no other delegate call can be running: refuse here.
+        engine_->begin(task, true);
+        return;
+    }
+    curl_multi_wakeup(engine_->multi);
 }
 
 void URLSession::cancel(std::shared_ptr<URLSessionDataTask> task) {
+    // After the thread has ended every task has completed; there is nothing left to cancel.
     engine_->post([this, task = std::move(task)] { engine_->cancel(task); });
 }
 

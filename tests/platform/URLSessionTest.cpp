@@ -1,0 +1,271 @@
+#include "velmora/platform/URLSession.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "tests/support/LibraryTest.h"
+#include "tests/support/Watchdog.h"
+#include "tools/velmora-mock/AccountServer.h"
+
+namespace velmora::testing {
+namespace {
+
+using namespace platform;
+using namespace std::chrono_literals;
+using mock::AccountServer;
+using mock::ScriptedAnswer;
+
+// Records every delegate event and lets the test wait for completions.
+class RecordingDelegate : public URLSessionDelegate {
+  public:
+    struct Outcome {
+        std::vector<Data> chunks;
+        std::shared_ptr<const HTTPURLResponse> responseAtFirstChunk;
+        std::vector<std::array<std::int64_t, 3>> sent;
+        std::optional<Error> error;
+        std::thread::id thread;
+        bool done = false;
+    };
+
+    void didBecomeInvalid(URLSession&, const std::optional<Error>&) override {
+        std::lock_guard lock(mutex_);
+        invalidated_ = true;
+        changed_.notify_all();
+    }
+    void didSendBodyData(URLSession&, URLSessionDataTask& task, std::int64_t bytes, std::int64_t total,
+                         std::int64_t expected) override {
+        std::lock_guard lock(mutex_);
+        outcomes_[task.taskIdentifier()].sent.push_back({bytes, total, expected});
+    }
+    void didReceiveData(URLSession&, URLSessionDataTask& task, const Data& data) override {
+        std::lock_guard lock(mutex_);
+        auto& outcome = outcomes_[task.taskIdentifier()];
+        if (outcome.chunks.empty()) {
+            outcome.responseAtFirstChunk = task.response();
+        }
+        outcome.chunks.push_back(data);
+    }
+    void willCacheResponse(URLSession&, URLSessionDataTask&, const CachedURLResponse&,
+                           const std::function<void(std::optional<CachedURLResponse>)>& completion) override {
+        completion(std::nullopt);
+    }
+    void didComplete(URLSession&, URLSessionDataTask& task, const std::optional<Error>& error) override {
+        std::lock_guard lock(mutex_);
+        auto& outcome = outcomes_[task.taskIdentifier()];
+        outcome.error = error;
+        outcome.thread = std::this_thread::get_id();
+        outcome.done = true;
+        changed_.notify_all();
+    }
+
+    Outcome wait(const URLSessionDataTask& task) {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return outcomes_[task.taskIdentifier()].done; });
+        return outcomes_[task.taskIdentifier()];
+    }
+    bool waitInvalidated() {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, 10s, [&] { return invalidated_; });
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::map<std::uint64_t, Outcome> outcomes_;
+    bool invalidated_ = false;
+};
+
+std::string joined(const std::vector<Data>& chunks) {
+    std::string all;
+    for (const auto& chunk : chunks) {
+        all += chunk.toString();
+    }
+    return all;
+}
+
+class URLSessionTest : public LibraryTest {
+  protected:
+    URLSessionTest() {
+        URLSessionConfiguration configuration;
+        configuration.httpAdditionalHeaders = {{"Accept", "application/json"},
+                                               {"User-Agent", "Velmora-SDK/2.0.0"}};
+        session = URLSession::make(configuration, delegate);
+    }
+
+    URLRequest request(const std::string& path, const std::string& method = "GET") {
+        URLRequest r(*URL::fromString(server.url() + path));
+        r.httpMethod = method;
+        return r;
+    }
+
+    RecordingDelegate::Outcome run(URLRequest r, std::shared_ptr<URLSessionDataTask>* taskOut = nullptr) {
+        auto task = session->dataTask(std::move(r));
+        task->resume();
+        if (taskOut != nullptr) {
+            *taskOut = task;
+        }
+        return delegate->wait(*task);
+    }
+
+    Watchdog watchdog{60s, "URL session test"};
+    AccountServer server;
+    std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
+    std::shared_ptr<URLSession> session;
+};
+
+TEST_F(URLSessionTest, ABodyInChunksArrivesChunkByChunkWithTheResponseKnown) {
+    server.script("GET", "/chunks",
+                  {.status = 200, .chunks = {"{\"a\":", "[1,2,", "3]}"}, .chunkDelay = 80ms});
+    std::shared_ptr<URLSessionDataTask> task;
+    const auto outcome = run(request("/chunks"), &task);
+    EXPECT_FALSE(outcome.error.has_value());
+    EXPECT_EQ(joined(outcome.chunks), "{\"a\":[1,2,3]}");
+    EXPECT_EQ(outcome.chunks.size(), 3u);
+    ASSERT_NE(outcome.responseAtFirstChunk, nullptr);
+    EXPECT_EQ(outcome.responseAtFirstChunk->statusCode(), 200);
+    EXPECT_EQ(outcome.responseAtFirstChunk->mimeType(), "application/json");
+    EXPECT_NE(outcome.thread, std::this_thread::get_id());
+}
+
+TEST_F(URLSessionTest, NoBodyGivesNoChunkAndAnEmptyBodyOneEmptyChunk) {
+    server.script("GET", "/none", {.status = 204});
+    server.script("GET", "/empty", {.status = 200, .body = ""});
+    const auto none = run(request("/none"));
+    EXPECT_TRUE(none.chunks.empty());
+    EXPECT_FALSE(none.error.has_value());
+    const auto empty = run(request("/empty"));
+    ASSERT_EQ(empty.chunks.size(), 1u);
+    EXPECT_TRUE(empty.chunks[0].empty());
+}
+
+TEST_F(URLSessionTest, SessionHeadersGoOnEveryRequestUnlessTheRequestSetsItsOwn) {
+    auto own = request("/api/private/mobile_sdk/settings/app.json");
+    own.setValue("text/plain", "accept");
+    run(request("/api/private/mobile_sdk/settings/app.json"));
+    run(own);
+    const auto seen = server.requests();
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0].header("Accept"), "application/json");
+    EXPECT_EQ(seen[0].header("User-Agent"), "Velmora-SDK/2.0.0");
+    EXPECT_EQ(seen[1].header("Accept"), "text/plain");
+    EXPECT_EQ(seen[1].header("User-Agent"), "Velmora-SDK/2.0.0");
+    EXPECT_EQ(seen[0].header("Cookie"), std::nullopt);
+    EXPECT_EQ(seen[0].header("Expect"), std::nullopt);
+}
+
+TEST_F(URLSessionTest, RedirectsKeepAuthorizationWithinTheOriginAndDropItElsewhere) {
+    AccountServer elsewhere;
+    server.script("GET", "/same", {.status = 302, .headers = {{"Location", server.url() + "/landing"}}});
+    server.script("GET", "/away", {.status = 302, .headers = {{"Location", elsewhere.url() + "/landing"}}});
+    server.script("GET", "/landing", {.status = 200, .body = "here"});
+    elsewhere.script("GET", "/landing", {.status = 200, .body = "there"});
+
+    auto same = request("/same");
+    same.setValue("Bearer secret", "Authorization");
+    const auto sameOutcome = run(same);
+    EXPECT_EQ(joined(sameOutcome.chunks), "here");
+    EXPECT_EQ(server.requests("GET", "/landing").at(0).header("Authorization"), "Bearer secret");
+
+    auto away = request("/away");
+    away.setValue("Bearer secret", "Authorization");
+    const auto awayOutcome = run(away);
+    EXPECT_EQ(joined(awayOutcome.chunks), "there");
+    ASSERT_EQ(elsewhere.requests().size(), 1u);
+    EXPECT_EQ(elsewhere.requests()[0].header("Authorization"), std::nullopt);
+    EXPECT_EQ(awayOutcome.responseAtFirstChunk->url().absoluteString(), elsewhere.url() + "/landing");
+}
+
+TEST_F(URLSessionTest, BrokenTransfersBecomeUrlErrorsNeverHangs) {
+    server.script("GET", "/drop", {.status = 200, .drop = true});
+    server.script("GET", "/truncated", {.status = 200, .body = "partial", .truncate = true});
+    server.script("GET", "/stall", {.status = 200, .body = "late", .delay = 5s});
+
+    const auto dropped = run(request("/drop"));
+    ASSERT_TRUE(dropped.error.has_value());
+    EXPECT_EQ(dropped.error->domain(), "NSURLErrorDomain");
+    EXPECT_EQ(dropped.error->code(), URLError::networkConnectionLost);
+
+    const auto truncated = run(request("/truncated"));
+    ASSERT_TRUE(truncated.error.has_value());
+    EXPECT_EQ(truncated.error->code(), URLError::networkConnectionLost);
+    EXPECT_EQ(joined(truncated.chunks), "partial") << "what did arrive is still handed over";
+
+    auto stalled = request("/stall");
+    stalled.timeoutInterval = 1;
+    const auto start = std::chrono::steady_clock::now();
+    const auto timedOut = run(stalled);
+    ASSERT_TRUE(timedOut.error.has_value());
+    EXPECT_EQ(timedOut.error->code(), URLError::timedOut);
+    EXPECT_EQ(timedOut.error->localizedDescription(), "The request timed out.");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 4s);
+
+    const auto port = [] {
+        AccountServer gone;
+        return gone.url();
+    }();
+    URLRequest refused(*URL::fromString(port + "/anything"));
+    const auto notListening = run(refused);
+    ASSERT_TRUE(notListening.error.has_value());
+    EXPECT_EQ(notListening.error->code(), URLError::cannotConnectToHost);
+}
+
+TEST_F(URLSessionTest, UploadProgressAndCancellationAreReported) {
+    auto upload = request("/api/mobile/users/me.json", "PUT");
+    upload.httpBody = Data::fromString(std::string(512 * 1024, 'x'));
+    upload.setValue("application/octet-stream", "Content-Type");
+    const auto uploaded = run(upload);
+    ASSERT_FALSE(uploaded.error.has_value()) << uploaded.error->description();
+    ASSERT_FALSE(uploaded.sent.empty());
+    std::int64_t sum = 0;
+    for (const auto& [bytes, total, expected] : uploaded.sent) {
+        sum += bytes;
+        EXPECT_EQ(total, sum);
+        EXPECT_EQ(expected, 512 * 1024);
+    }
+    EXPECT_EQ(sum, 512 * 1024);
+    ASSERT_EQ(server.requests().size(), 1u);
+    EXPECT_EQ(server.requests().back().body.size(), 512u * 1024);
+
+    server.script("GET", "/slow", {.status = 200, .body = "x", .delay = 5s});
+    auto task = session->dataTask(request("/slow"));
+    task->resume();
+    ASSERT_TRUE(server.waitForRequests(2));
+    task->cancel();
+    const auto cancelled = delegate->wait(*task);
+    ASSERT_TRUE(cancelled.error.has_value());
+    EXPECT_EQ(cancelled.error->code(), URLError::cancelled);
+    EXPECT_NE(session->dataTask(request("/x"))->taskIdentifier(), task->taskIdentifier());
+}
+
+TEST_F(URLSessionTest, InvalidatingFinishesRunningTasksThenReports) {
+    server.script("GET", "/slow", {.status = 200, .body = "done", .delay = 200ms});
+    auto task = session->dataTask(request("/slow"));
+    task->resume();
+    session->finishTasksAndInvalidate();
+    const auto outcome = delegate->wait(*task);
+    EXPECT_EQ(joined(outcome.chunks), "done");
+    EXPECT_TRUE(delegate->waitInvalidated());
+    const auto late = run(request("/slow"));
+    ASSERT_TRUE(late.error.has_value()) << "an invalidated session starts nothing new";
+}
+
+TEST(URLTest, OnlyAbsoluteUrlsParseAndTheTextIsKeptAsGiven) {
+    const auto url = URL::fromString("https://acme.velmora.com//api/x.json?tags=a%2Cb");
+    ASSERT_TRUE(url.has_value());
+    EXPECT_EQ(url->absoluteString(), "https://acme.velmora.com//api/x.json?tags=a%2Cb");
+    EXPECT_EQ(url->origin(), "https://acme.velmora.com:443");
+    EXPECT_EQ(URL::fromString("http://127.0.0.1:8080/")->origin(), "http://127.0.0.1:8080");
+    for (const char* bad :
+         {"", "acme.velmora.com/path", "/relative", "https://", "http://a b.com/", "ht tp://x"}) {
+        EXPECT_FALSE(URL::fromString(bad).has_value()) << bad;
+    }
+    EXPECT_EQ(HTTPURLResponse::localizedString(404), "not found");
+    EXPECT_EQ(HTTPURLResponse::localizedString(200), "no error");
+    EXPECT_EQ(HTTPURLResponse::localizedString(418), "client error");
+}
+
+}  // namespace
+}  // namespace velmora::testing
