@@ -1,0 +1,288 @@
+#include "velmora/network/NetworkClient.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <regex>
+#include <thread>
+
+#include "tests/support/LibraryTest.h"
+#include "tests/support/Watchdog.h"
+#include "tools/velmora-mock/AccountServer.h"
+#include "velmora/platform/DeviceFacts.h"
+
+namespace velmora::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using mock::AccountServer;
+using mock::ScriptedAnswer;
+using platform::DispatchQueue;
+using platform::HTTPURLResponse;
+using platform::URLRequest;
+
+// What one exchange delivered, and where.
+struct Outcome {
+    std::optional<Data> data;
+    std::shared_ptr<const HTTPURLResponse> response;
+    std::optional<Error> error;
+    std::thread::id thread;
+    bool onServiceQueue = false;
+};
+
+class Completion {
+  public:
+    TaskCompletion handler(std::optional<DispatchQueue> expectedQueue = std::nullopt) {
+        return [this, expectedQueue](const std::optional<Data>& data,
+                                     const std::shared_ptr<const HTTPURLResponse>& response,
+                                     const std::optional<Error>& error) {
+            std::lock_guard lock(mutex_);
+            outcome_ = Outcome{data, response, error, std::this_thread::get_id(),
+                               expectedQueue && expectedQueue->isCurrent()};
+            done_ = true;
+            changed_.notify_all();
+        };
+    }
+    Outcome wait() {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return done_; });
+        return outcome_;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    Outcome outcome_;
+    bool done_ = false;
+};
+
+// Counts the chunks it sees.
+struct CountingResponseInterceptor : HTTPResponseInterceptor {
+    void intercept(const std::optional<Data>& data, const std::shared_ptr<const HTTPURLResponse>& response,
+                   const std::optional<Error>&) override {
+        std::lock_guard lock(mutex);
+        chunks.push_back(data ? data->toString() : "<none>");
+        statuses.push_back(response ? response->statusCode() : 0);
+    }
+    std::mutex mutex;
+    std::vector<std::string> chunks;
+    std::vector<int> statuses;
+};
+
+struct FailingInterceptor : RequestInterceptor {
+    Result<URLRequest> intercept(Result<URLRequest>, const platform::DispatchGroup&) override {
+        return Result<URLRequest>::error(Error("com.velmora.tests", 42));
+    }
+    std::string description() const override { return "FailingInterceptor"; }
+};
+
+struct RecordingInterceptor : RequestInterceptor {
+    explicit RecordingInterceptor(std::string label) : name(std::move(label)) {}
+    Result<URLRequest> intercept(Result<URLRequest> request, const platform::DispatchGroup&) override {
+        calls++;
+        return request;
+    }
+    std::string description() const override { return name; }
+    std::string name;
+    std::atomic<int> calls{0};
+};
+
+class NetworkClientTest : public LibraryTest {
+  protected:
+    NetworkClientTest() {
+        CoreLogger::setLogLevel(LogLevel::verbose);
+        details = std::make_shared<ApplicationConfiguration>("app", "client-7", server.url());
+    }
+    ~NetworkClientTest() override { ExecutorConfig::setExecutor(nullptr); }
+
+    ProviderService service(const std::string& path, HttpMethod method = HttpMethod::get,
+                            std::vector<std::shared_ptr<RequestInterceptor>> requestInterceptors = {},
+                            std::vector<std::shared_ptr<HTTPResponseInterceptor>> responseInterceptors = {},
+                            Reporter reporter = Reporter::none(), std::optional<Data> body = std::nullopt) {
+        return ProviderService(details, resourceURL(details->accountUrl(), path), false, method, {},
+                               std::move(body), callbackQueue,
+                               Interceptors{std::move(requestInterceptors), std::move(responseInterceptors),
+                                            interceptorQueue(), platform::DispatchGroup()},
+                               std::move(reporter));
+    }
+
+    Outcome perform(const ProviderService& s) {
+        Completion completion;
+        s.perform(completion.handler(callbackQueue));
+        return completion.wait();
+    }
+
+    Watchdog watchdog{60s, "network client test"};
+    AccountServer server;
+    std::shared_ptr<ApplicationConfiguration> details;
+    DispatchQueue callbackQueue{"com.velmora.tests.callbacks"};
+};
+
+TEST_F(NetworkClientTest, ChunksArriveWholeWhileResponseInterceptorsSeeEachOne) {
+    server.script("GET", "/chunks", {.status = 200, .chunks = {"[1,", "2,", "3]"}, .chunkDelay = 80ms});
+    const auto counting = std::make_shared<CountingResponseInterceptor>();
+    const auto outcome = perform(service("/chunks", HttpMethod::get, {}, {counting}));
+    ASSERT_TRUE(outcome.data.has_value());
+    EXPECT_EQ(outcome.data->toString(), "[1,2,3]");
+    EXPECT_TRUE(outcome.onServiceQueue);
+    EXPECT_EQ(counting->chunks, (std::vector<std::string>{"[1,", "2,", "3]"}));
+    EXPECT_EQ(NetworkClient::defaultClient().taskHandlerManager().count(), 0u)
+        << "the handler goes once completed";
+}
+
+TEST_F(NetworkClientTest, A401InThreeChunksClearsTheStoresThreeTimes) {
+    const SessionStore session("app");
+    ASSERT_TRUE(session.store(PropertyValue("tok"), "pushToken"));
+    server.script("GET", "/api/mobile/users/me.json",
+                  {.status = 401, .chunks = {"{\"error\":", "\"Unauthorized\"", "}"}, .chunkDelay = 80ms});
+    logs->clear();
+    const auto outcome = perform(service("/api/mobile/users/me.json", HttpMethod::get, {},
+                                         {std::make_shared<InvalidResponseInterceptor>("app")}));
+    EXPECT_EQ(outcome.response->statusCode(), 401);
+    EXPECT_EQ(session.pushToken(), std::nullopt);
+    EXPECT_EQ(logs->count("[DEBUG]: clearing storage suite: com.velmora.core.session with app id: app."), 3u);
+    EXPECT_EQ(logs->count("[DEBUG]: clearing storage suite: com.velmora.core.identity with app id: app."),
+              3u);
+}
+
+TEST_F(NetworkClientTest, AbsentAndEmptyBodiesStayDistinct) {
+    server.script("DELETE", "/gone", {.status = 204});
+    server.script("GET", "/empty", {.status = 200});
+    EXPECT_EQ(perform(service("/gone", HttpMethod::delete_)).data, std::nullopt);
+    const auto empty = perform(service("/empty"));
+    ASSERT_TRUE(empty.data.has_value());
+    EXPECT_TRUE(empty.data->empty());
+}
+
+TEST_F(NetworkClientTest, TheCallbackReporterGetsTheExpectedTotalThenTheSentTotal) {
+    std::mutex mutex;
+    std::vector<std::pair<std::int64_t, std::int64_t>> reports;
+    const std::string body(300 * 1024, 'b');
+    const auto outcome = perform(service("/upload", HttpMethod::put, {}, {},
+                                         Reporter::callback([&](std::int64_t expected, std::int64_t sent) {
+                                             std::lock_guard lock(mutex);
+                                             reports.emplace_back(expected, sent);
+                                         }),
+                                         Data::fromString(body)));
+    EXPECT_FALSE(outcome.error.has_value());
+    std::lock_guard lock(mutex);
+    ASSERT_FALSE(reports.empty());
+    EXPECT_EQ(reports.back(),
+              std::make_pair(static_cast<std::int64_t>(body.size()), static_cast<std::int64_t>(body.size())));
+    for (std::size_t i = 1; i < reports.size(); ++i) {
+        EXPECT_GT(reports[i].second, reports[i - 1].second);
+    }
+}
+
+TEST_F(NetworkClientTest, AFailingInterceptorHaltsTheChainSendsNothingAndAnswersOnTheExecutingThread) {
+    const auto second = std::make_shared<RecordingInterceptor>("SecondInterceptor");
+    const auto third = std::make_shared<RecordingInterceptor>("ThirdInterceptor");
+    auto failing =
+        service("/never", HttpMethod::get, {std::make_shared<FailingInterceptor>(), second, third});
+    Completion completion;
+    std::thread::id executing;
+    DispatchQueue("com.velmora.tests.executor").sync([&] {
+        executing = std::this_thread::get_id();
+        NetworkClient::defaultClient().execute(failing, callbackQueue, completion.handler(callbackQueue));
+    });
+    const auto outcome = completion.wait();
+    ASSERT_TRUE(outcome.error.has_value());
+    EXPECT_EQ(outcome.error->code(), 42);
+    EXPECT_EQ(outcome.thread, executing);
+    EXPECT_FALSE(outcome.onServiceQueue);
+    EXPECT_EQ(second->calls.load() + third->calls.load(), 0);
+    EXPECT_TRUE(server.requests().empty());
+    const auto halting = logs->linesStartingWith("[VERBOSE]: Halting ");
+    ASSERT_EQ(halting.size(), 1u);
+    EXPECT_TRUE(halting[0].starts_with("[VERBOSE]: Halting SecondInterceptor with error: ")) << halting[0];
+    EXPECT_TRUE(logs->contains("[VERBOSE]: Calling interceptor FailingInterceptor"));
+}
+
+TEST_F(NetworkClientTest, EveryRequestCarriesTheSharedHeadersAndTheClientIdentifier) {
+    auto s = service("/api/private/mobile_sdk/settings/app.json", HttpMethod::get,
+                     {std::make_shared<ClientIdentifierInterceptor>(details)});
+    ASSERT_TRUE(s.request().allHTTPHeaderFields.empty());
+    const auto intercepted = NetworkClient::intercept(s.request(), s.interceptors);
+    EXPECT_EQ(intercepted.value().allHTTPHeaderFields,
+              (platform::HTTPHeaderFields{{"Client-Identifier", "client-7"}}));
+    perform(s);
+    const auto seen = server.requests();
+    ASSERT_EQ(seen.size(), 1u);
+    const auto facts = platform::DeviceFacts::current();
+    EXPECT_EQ(seen[0].header("Client-Identifier"), "client-7");
+    EXPECT_EQ(seen[0].header("Content-Type"), "application/json");
+    EXPECT_EQ(seen[0].header("Accept"), "application/json");
+    EXPECT_EQ(seen[0].header("X-Velmora-Client-Version"), "2.0.0");
+    EXPECT_EQ(seen[0].header("User-Agent"),
+              "Velmora-SDK/2.0.0 iOS/" + facts->systemVersion() + " Variant/Core");
+    const auto client = seen[0].header("X-Velmora-Client").value_or("");
+    EXPECT_TRUE(std::regex_match(client, std::regex("^mobile/[a-z0-9._-]+/sdk/core$"))) << client;
+}
+
+TEST_F(NetworkClientTest, ReplacingTheExecutorDivertsEveryPerform) {
+    struct Diverting : ExecutorType {
+        void perform(const ProviderService& s, TaskCompletion callback) override {
+            paths.push_back(s.urlComponent.absoluteString());
+            callback(Data::fromString("diverted"), nullptr, std::nullopt);
+        }
+        std::vector<std::string> paths;
+    };
+    const auto diverting = std::make_shared<Diverting>();
+    ExecutorConfig::setExecutor(diverting);
+    Completion first;
+    service("/one").perform(first.handler());
+    Completion second;
+    service("/two", HttpMethod::post).perform(second.handler());
+    EXPECT_EQ(first.wait().data->toString(), "diverted");
+    EXPECT_EQ(second.wait().data->toString(), "diverted");
+    EXPECT_EQ(diverting->paths, (std::vector<std::string>{server.url() + "/one", server.url() + "/two"}));
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST_F(NetworkClientTest, AnInvalidatedSessionIsLoggedAsAnOptional) {
+    const auto delegate = std::make_shared<SessionDelegate>();
+    NetworkClient client(platform::URLSessionConfiguration::defaultConfiguration(), delegate);
+    client.session()->finishTasksAndInvalidate();
+    EXPECT_TRUE(logs->waitFor("[ERROR]: Session error : nil"));
+}
+
+TEST(RequestDescriptionTest, MethodsHeadersAndUrlsFollowTheirFixedForms) {
+    EXPECT_EQ(httpMethodFromRawValue("GET"), HttpMethod::get);
+    EXPECT_EQ(httpMethodFromRawValue("DELETE"), HttpMethod::delete_);
+    EXPECT_EQ(httpMethodFromRawValue("get"), std::nullopt);
+
+    struct Fixed : platform::LinuxDeviceFacts {
+        std::string systemName() const override { return "iOS"; }
+        std::string systemVersion() const override { return "12.1"; }
+        std::vector<std::string> preferredLanguages() const override { return languages; }
+        std::vector<std::string> languages;
+    };
+    auto facts = std::make_shared<Fixed>();
+    auto env = platform::Environment::linuxDefaults("velmora-tests");
+    env.deviceFacts = facts;
+    platform::Environment::install(env);
+    EXPECT_EQ(SharedHeaders::userAgentHeader("2.0.0", "Core"), "Velmora-SDK/2.0.0 iOS/12.1 Variant/Core");
+    EXPECT_EQ(SharedHeaders::clientHeader("Core"), "mobile/ios/sdk/core");
+    EXPECT_EQ(SharedHeaders::sharedHeaders("2.0.0", "Core").size(), 5u);
+    EXPECT_TRUE(acceptLanguageHeader().empty());
+    facts->languages = {"en-GB", "fr"};
+    EXPECT_EQ(acceptLanguageHeader(), (std::map<std::string, std::string>{{"Accept-Language", "en-gb"}}));
+
+    EXPECT_EQ(resourceURL("https://acme.velmora.com/", "/api/mobile/users/me.json").absoluteString(),
+              "https://acme.velmora.com//api/mobile/users/me.json");
+    const auto first = interceptorQueue().label();
+    EXPECT_TRUE(
+        std::regex_match(first, std::regex("^com\\.velmora\\.core\\.interceptor-queue\\.[0-9A-F-]{36}$")))
+        << first;
+    EXPECT_NE(first, interceptorQueue().label());
+}
+
+TEST(RequestDescriptionDeathTest, AnAccountUrlThatCannotFormAUrlIsFatal) {
+    platform::Environment::install(platform::Environment::linuxDefaults("velmora-tests"));
+    EXPECT_DEATH(resourceURL("not a url", "/access/sdk/jwt"),
+                 "Fatal error: Cannot form a URL from \"not a url/access/sdk/jwt\"");
+}
+
+}  // namespace
+}  // namespace velmora::testing

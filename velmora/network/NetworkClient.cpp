@@ -1,0 +1,165 @@
+#include "velmora/network/NetworkClient.h"
+
+#include <algorithm>
+
+#include "velmora/platform/Environment.h"
+#include "velmora/support/CoreLogger.h"
+
+namespace velmora {
+
+void URLSessionTaskHandlerManager::append(std::shared_ptr<URLSessionTaskHandler> handler) {
+    std::lock_guard lock(mutex_);
+    handlers_.push_back(std::move(handler));
+}
+
+std::shared_ptr<URLSessionTaskHandler> URLSessionTaskHandlerManager::taskHandler(
+    std::uint64_t taskIdentifier) {
+    std::lock_guard lock(mutex_);
+    const auto it = std::find_if(handlers_.begin(), handlers_.end(), [&](const auto& handler) {
+        return handler->taskIdentifier == taskIdentifier;
+    });
+    return it == handlers_.end() ? nullptr : *it;
+}
+
+void URLSessionTaskHandlerManager::completed(std::uint64_t taskIdentifier) {
+    std::lock_guard lock(mutex_);
+    const auto it = std::find_if(handlers_.begin(), handlers_.end(), [&](const auto& handler) {
+        return handler->taskIdentifier == taskIdentifier;
+    });
+    if (it != handlers_.end()) {
+        handlers_.erase(it);
+    }
+}
+
+std::size_t URLSessionTaskHandlerManager::count() const {
+    std::lock_guard lock(mutex_);
+    return handlers_.size();
+}
+
+void SessionDelegate::setTaskHandlerDelegate(std::shared_ptr<URLSessionTaskHandlerDelegate> delegate) {
+    std::lock_guard lock(mutex_);
+    taskHandlerDelegate_ = std::move(delegate);
+}
+
+std::shared_ptr<URLSessionTaskHandlerDelegate> SessionDelegate::handlers() const {
+    std::lock_guard lock(mutex_);
+    return taskHandlerDelegate_;
+}
+
+void SessionDelegate::didBecomeInvalid(platform::URLSession&, const std::optional<Error>& error) {
+    // Rendered as an optional value on purpose; log readers match this shape.
+    CoreLogger::error("Session error : " +
+                      (error ? "Optional(\"" + error->localizedDescription() + "\")" : std::string("nil")));
+}
+
+void SessionDelegate::didSendBodyData(platform::URLSession&, platform::URLSessionDataTask& task, std::int64_t,
+                                      std::int64_t totalBytesSent, std::int64_t totalBytesExpectedToSend) {
+    const auto delegate = handlers();
+    const auto handler = delegate ? delegate->taskHandler(task.taskIdentifier()) : nullptr;
+    if (!handler) {
+        return;
+    }
+    if (const auto* progress = std::get_if<std::shared_ptr<platform::Progress>>(&handler->reporter.how);
+        progress && *progress) {
+        (*progress)->setTotalUnitCount(totalBytesExpectedToSend);
+        (*progress)->setCompletedUnitCount(totalBytesSent);
+    } else if (const auto* callback = std::get_if<Reporter::Callback>(&handler->reporter.how);
+               callback && *callback) {
+        (*callback)(totalBytesExpectedToSend, totalBytesSent);
+    }
+}
+
+void SessionDelegate::didReceiveData(platform::URLSession&, platform::URLSessionDataTask& task,
+                                     const Data& data) {
+    const auto delegate = handlers();
+    const auto handler = delegate ? delegate->taskHandler(task.taskIdentifier()) : nullptr;
+    if (!handler) {
+        return;
+    }
+    if (!handler->data) {
+        handler->data = Data();
+    }
+    handler->data->append(data);
+    if (const auto response = task.response()) {
+        const std::optional<Data> chunk(data);
+        const auto error = task.error();
+        for (const auto& interceptor : handler->responseInterceptors) {
+            interceptor->intercept(chunk, response, error);
+        }
+    }
+}
+
+void SessionDelegate::willCacheResponse(
+    platform::URLSession&, platform::URLSessionDataTask&, const platform::CachedURLResponse&,
+    const std::function<void(std::optional<platform::CachedURLResponse>)>& completion) {
+    // Nothing is cached until a caching delegate may decide otherwise.
+    completion(std::nullopt);
+}
+
+void SessionDelegate::didComplete(platform::URLSession&, platform::URLSessionDataTask& task,
+                                  const std::optional<Error>& error) {
+    const auto delegate = handlers();
+    const auto handler = delegate ? delegate->taskHandler(task.taskIdentifier()) : nullptr;
+    if (!handler) {
+        return;
+    }
+    handler->queue.async([handler, delegate, response = task.response(), error] {
+        handler->completionHandler(handler->data, response, error);
+        delegate->completed(handler->taskIdentifier);
+    });
+}
+
+NetworkClient& NetworkClient::defaultClient() {
+    static NetworkClient* client = [] {
+        platform::URLSessionConfiguration configuration =
+            platform::URLSessionConfiguration::defaultConfiguration();
+        const auto& caches = platform::Environment::current()->cachesDirectory;
+        configuration.urlCache = std::make_shared<platform::URLCache>(
+            4'194'304, 20'971'520, caches ? std::optional(*caches / "com.velmora.core") : std::nullopt);
+        configuration.httpAdditionalHeaders =
+            SharedHeaders::sharedHeaders(VersionConstants::VelmoraCoreSDKVersionString, "Core");
+        return new NetworkClient(std::move(configuration),
+                                 std::make_shared<SessionDelegate>());  // lives for the process
+    }();
+    return *client;
+}
+
+NetworkClient::NetworkClient(platform::URLSessionConfiguration configuration,
+                             std::shared_ptr<SessionDelegate> delegate)
+    : taskHandlerManager_(std::make_shared<URLSessionTaskHandlerManager>()),
+      session_(platform::URLSession::make(std::move(configuration), delegate)) {
+    delegate->setTaskHandlerDelegate(taskHandlerManager_);
+}
+
+Result<platform::URLRequest> NetworkClient::intercept(const platform::URLRequest& request,
+                                                      const Interceptors& interceptors) {
+    auto current = Result<platform::URLRequest>::success(request);
+    for (const auto& interceptor : interceptors.requestInterceptors) {
+        if (current.isError()) {
+            CoreLogger::verbose("Halting " + interceptor->description() + " with error: error(" +
+                                current.error().description() + ")");
+            return current;
+        }
+        interceptors.interceptorQueue.sync([&] {
+            CoreLogger::verbose("Calling interceptor " + interceptor->description());
+            current = interceptor->intercept(std::move(current), interceptors.interceptorGroup);
+        });
+    }
+    return current;
+}
+
+void NetworkClient::execute(const ProviderService& service, const platform::DispatchQueue& queue,
+                            TaskCompletion completionHandler) {
+    auto intercepted = intercept(service.request(), service.interceptors);
+    if (intercepted.isError()) {
+        completionHandler(std::nullopt, nullptr, intercepted.error());
+        return;
+    }
+    auto task = session_->dataTask(std::move(intercepted).value());
+    taskHandlerManager_->append(std::make_shared<URLSessionTaskHandler>(URLSessionTaskHandler{
+        task->taskIdentifier(), queue, std::move(completionHandler), service.reporter,
+        service.interceptors.responseInterceptors, service.cachingDelegate, std::nullopt}));
+    task->resume();
+}
+
+}  // namespace velmora

@@ -1,0 +1,92 @@
+#include "velmora/network/ProviderService.h"
+
+#include <mutex>
+
+#include "velmora/network/NetworkClient.h"
+#include "velmora/platform/Fatal.h"
+
+namespace velmora {
+
+Error toError(const SDKError&) {
+    return Error("VelmoraCoreSDK.SDKError", 1);
+}
+
+platform::URL resourceURL(const std::string& accountUrl, std::string_view path) {
+    const std::string text = accountUrl + std::string(path);
+    auto url = platform::URL::fromString(text);
+    if (!url) {
+        platform::fatalError("Cannot form a URL from \"" + text +
+                             "\": the account URL given to initialize is not a URL");
+    }
+    return *url;
+}
+
+ProviderService::ProviderService(std::shared_ptr<const AccountDetails> environment_,
+                                 platform::URL urlComponent_, bool requiresAuth_, HttpMethod httpMethod_,
+                                 std::map<std::string, std::string> headers_, std::optional<Data> body_,
+                                 platform::DispatchQueue dispatchQueue_, Interceptors interceptors_,
+                                 Reporter reporter_,
+                                 std::shared_ptr<CachedHTTPURLResponseDelegate> cachingDelegate_)
+    : urlComponent(std::move(urlComponent_)),
+      httpMethod(httpMethod_),
+      headers(std::move(headers_)),
+      body(std::move(body_)),
+      dispatchQueue(std::move(dispatchQueue_)),
+      cachingDelegate(std::move(cachingDelegate_)),
+      interceptors(std::move(interceptors_)),
+      requiresAuth(requiresAuth_),
+      reporter(std::move(reporter_)),
+      environment(std::move(environment_)) {}
+
+platform::URLRequest ProviderService::request() const {
+    platform::URLRequest request(urlComponent);
+    for (const auto& [name, value] : headers) {
+        request.setValue(value, name);
+    }
+    request.httpBody = body;
+    request.httpMethod = std::string(rawValue(httpMethod));
+    return request;
+}
+
+void ProviderService::perform(TaskCompletion callback) const {
+    ExecutorConfig::perform(*this, std::move(callback));
+}
+
+void DefaultRequestExecutor::perform(const ProviderService& service, TaskCompletion callback) {
+    platform::DispatchQueue::global().async([service, callback = std::move(callback)] {
+        NetworkClient::defaultClient().execute(service, service.dispatchQueue, callback);
+    });
+}
+
+namespace {
+
+struct ExecutorSlot {
+    std::mutex mutex;
+    std::shared_ptr<ExecutorType> executor = std::make_shared<DefaultRequestExecutor>();
+};
+
+ExecutorSlot& executorSlot() {
+    static auto* slot =
+        new ExecutorSlot();  // leaked: requests may still be performed during static destruction
+    return *slot;
+}
+
+}  // namespace
+
+std::shared_ptr<ExecutorType> ExecutorConfig::executor() {
+    auto& slot = executorSlot();
+    std::lock_guard lock(slot.mutex);
+    return slot.executor;
+}
+
+void ExecutorConfig::setExecutor(std::shared_ptr<ExecutorType> executor) {
+    auto& slot = executorSlot();
+    std::lock_guard lock(slot.mutex);
+    slot.executor = executor ? std::move(executor) : std::make_shared<DefaultRequestExecutor>();
+}
+
+void ExecutorConfig::perform(const ProviderService& service, TaskCompletion callback) {
+    executor()->perform(service, std::move(callback));
+}
+
+}  // namespace velmora
