@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 #include <thread>
 
@@ -250,6 +251,39 @@ TEST_F(URLSessionTest, InvalidatingFinishesRunningTasksThenReports) {
     EXPECT_TRUE(delegate->waitInvalidated());
     const auto late = run(request("/slow"));
     ASSERT_TRUE(late.error.has_value()) << "an invalidated session starts nothing new";
+}
+
+TEST_F(URLSessionTest, TlsPeersAreVerifiedAgainstTheConfiguredAuthorities) {
+    const auto cert = root / "cert.pem";
+    const auto key = root / "key.pem";
+    const std::string make =
+        "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 "
+        "-addext subjectAltName=IP:127.0.0.1 -keyout " +
+        key.string() + " -out " + cert.string() + " >/dev/null 2>&1";
+    ASSERT_EQ(std::system(make.c_str()), 0) << "openssl could not make a test certificate";
+    AccountServer secure({.certificate = cert, .privateKey = key});
+    ASSERT_TRUE(secure.url().starts_with("https://127.0.0.1:"));
+
+    const auto untrusted =
+        run(URLRequest(*URL::fromString(secure.url() + "/api/private/mobile_sdk/settings/a.json")));
+    ASSERT_TRUE(untrusted.error.has_value()) << "a self-signed peer must not be trusted by default";
+    EXPECT_TRUE(untrusted.error->code() == URLError::serverCertificateUntrusted ||
+                untrusted.error->code() == URLError::secureConnectionFailed)
+        << untrusted.error->description();
+    EXPECT_TRUE(secure.requests().empty());
+
+    environment.http.caBundle = cert;
+    reinstallEnvironment();
+    const auto trusted =
+        run(URLRequest(*URL::fromString(secure.url() + "/api/private/mobile_sdk/settings/a.json")));
+    EXPECT_FALSE(trusted.error.has_value()) << trusted.error->description();
+    EXPECT_EQ(trusted.responseAtFirstChunk->statusCode(), 200);
+    ASSERT_EQ(secure.requests().size(), 1u);
+
+    // The certificate names 127.0.0.1, not localhost: the host name is checked too.
+    const auto wrongName =
+        run(URLRequest(*URL::fromString("https://localhost:" + std::to_string(secure.port()) + "/x")));
+    ASSERT_TRUE(wrongName.error.has_value());
 }
 
 TEST(URLTest, OnlyAbsoluteUrlsParseAndTheTextIsKeptAsGiven) {

@@ -107,6 +107,10 @@ AccountServer::AccountServer(Options options) : host_(options.host) {
     server_->set_payload_max_length(64 * 1024 * 1024);
     // Idle keep-alive connections would otherwise hold stop() up for the default five seconds.
     server_->set_keep_alive_timeout(1);
+    // Headers and body go out in separate writes; without this, delayed acknowledgements hold the body back.
+    server_->set_tcp_nodelay(true);
+    // Each keep-alive connection holds a worker; clients with dozens in flight must not wait for each other.
+    server_->new_task_queue = [] { return new httplib::ThreadPool(64); };
     const auto handler = [this](const httplib::Request& request, httplib::Response& response) {
         RecordedRequest recorded{request.method, request.target, {}, request.body};
         for (const auto& [name, value] : request.headers) {

@@ -149,6 +149,10 @@ struct URLSession::Engine {
     bool invalidating = false;
     bool finished = false;  // the thread has left its loop; nothing runs `operations` any more
     std::map<CURL*, std::unique_ptr<Transfer>> transfers;
+    // Easy handles of finished transfers, reset and kept for the next ones: setting one up costs more than
+    // the request itself on a fast link. Connections live in the multi handle either way.
+    std::vector<CURL*> idleHandles;
+    static constexpr std::size_t maximumIdleHandles = 64;
     std::atomic<std::uint64_t> nextIdentifier{1};
 
     explicit Engine(URLSession& owner) : session(owner) {
@@ -276,7 +280,13 @@ struct URLSession::Engine {
         }
         const auto env = Environment::current();
         const URLRequest& request = task->request_;
-        CURL* easy = curl_easy_init();
+        CURL* easy = nullptr;
+        if (idleHandles.empty()) {
+            easy = curl_easy_init();
+        } else {
+            easy = idleHandles.back();
+            idleHandles.pop_back();
+        }
         transfer->easy = easy;
         curl_easy_setopt(easy, CURLOPT_URL, request.url.absoluteString().c_str());
         curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
@@ -393,7 +403,12 @@ struct URLSession::Engine {
         }
         session.delegate_->didComplete(session, *transfer.task, error);
         if (transfer.easy != nullptr) {
-            curl_easy_cleanup(transfer.easy);
+            if (idleHandles.size() < maximumIdleHandles) {
+                curl_easy_reset(transfer.easy);
+                idleHandles.push_back(transfer.easy);
+            } else {
+                curl_easy_cleanup(transfer.easy);
+            }
         }
         curl_slist_free_all(transfer.headers);
     }
@@ -443,6 +458,9 @@ URLSession::~URLSession() {
         } else {
             engine_->thread.join();
         }
+    }
+    for (CURL* easy : engine_->idleHandles) {
+        curl_easy_cleanup(easy);
     }
     curl_multi_cleanup(engine_->multi);
 }

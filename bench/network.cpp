@@ -1,0 +1,274 @@
+// The library's request path against bare libcurl, both against the local account server in this process:
+// latency of one request at a time, and throughput with 32 in flight.
+#include <curl/curl.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+
+#include "bench/BenchSupport.h"
+#include "tools/velmora-mock/AccountServer.h"
+#include "velmora/network/NetworkClient.h"
+#include "velmora/platform/Environment.h"
+
+using namespace velmora;
+using namespace velmora::bench;
+
+namespace {
+
+constexpr int latencySamples = 1500;
+constexpr int throughputRequests = 3000;
+constexpr int inFlight = 32;
+constexpr long connectionCap = 6;  // the session's per-host cap
+
+size_t discard(char*, size_t size, size_t count, void*) {
+    return size * count;
+}
+
+// The request bytes the library sends (its session's shared headers and the client identifier), so that a
+// baseline given them measures the same exchange with the server.
+curl_slist* libraryHeaders() {
+    static curl_slist* headers = [] {
+        curl_slist* list = nullptr;
+        for (const auto& [name, value] :
+             SharedHeaders::sharedHeaders(VersionConstants::VelmoraCoreSDKVersionString, "Core")) {
+            list = curl_slist_append(list, (name + ": " + value).c_str());
+        }
+        list = curl_slist_append(list, "Client-Identifier: client");
+        return curl_slist_append(list, "Expect:");
+    }();
+    return headers;
+}
+
+CURL* makeEasy(const std::string& url, bool sameRequest) {
+    CURL* easy = curl_easy_init();
+    curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+    if (sameRequest) {
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, libraryHeaders());
+        curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
+    }
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &discard);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    return easy;
+}
+
+// The least an asynchronous client can do: a multi handle on its own thread, requests handed in through a
+// queue and a wake-up, completions handed out to a waiting caller.
+class MinimalAsyncClient {
+  public:
+    MinimalAsyncClient(std::string url, bool sameRequest)
+        : url_(std::move(url)), sameRequest_(sameRequest), multi_(curl_multi_init()) {
+        curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, connectionCap);
+        thread_ = std::thread([this] { run(); });
+    }
+    ~MinimalAsyncClient() {
+        stop_ = true;
+        curl_multi_wakeup(multi_);
+        thread_.join();
+        for (CURL* easy : pool_) {
+            curl_easy_cleanup(easy);
+        }
+        curl_multi_cleanup(multi_);
+    }
+
+    // Starts one GET; `done` runs on the client's thread when it completes.
+    void get(std::function<void()> done) {
+        {
+            std::lock_guard lock(mutex_);
+            incoming_.push_back(std::move(done));
+        }
+        curl_multi_wakeup(multi_);
+    }
+
+  private:
+    void run() {
+        while (!stop_) {
+            std::deque<std::function<void()>> starting;
+            {
+                std::lock_guard lock(mutex_);
+                starting.swap(incoming_);
+            }
+            for (auto& done : starting) {
+                CURL* easy = pool_.empty() ? makeEasy(url_, sameRequest_) : pool_.back();
+                if (!pool_.empty()) {
+                    pool_.pop_back();
+                }
+                callbacks_[easy] = std::move(done);
+                curl_multi_add_handle(multi_, easy);
+            }
+            int running = 0;
+            curl_multi_perform(multi_, &running);
+            int queued = 0;
+            while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
+                if (message->msg == CURLMSG_DONE) {
+                    CURL* easy = message->easy_handle;
+                    curl_multi_remove_handle(multi_, easy);
+                    auto done = std::move(callbacks_[easy]);
+                    callbacks_.erase(easy);
+                    pool_.push_back(easy);
+                    done();
+                }
+            }
+            curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
+        }
+    }
+
+    std::string url_;
+    bool sameRequest_;
+    CURLM* multi_;
+    std::thread thread_;
+    std::atomic<bool> stop_{false};
+    std::mutex mutex_;
+    std::deque<std::function<void()>> incoming_;
+    std::map<CURL*, std::function<void()>> callbacks_;
+    std::vector<CURL*> pool_;
+};
+
+// Waits for a number of completions.
+class Latch {
+  public:
+    void arrive() {
+        std::lock_guard lock(mutex_);
+        ++count_;
+        changed_.notify_all();
+    }
+    void waitFor(int count) {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return count_ >= count; });
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int count_ = 0;
+};
+
+std::filesystem::path makeDirectory() {
+    std::string pattern = "/tmp/velmora-bench-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        std::perror("mkdtemp");
+        std::exit(1);
+    }
+    return pattern;
+}
+
+}  // namespace
+
+int main() {
+    const auto root = makeDirectory();
+    auto env = platform::Environment::linuxDefaults("velmora-bench");
+    env.dataDirectory = root / "data";
+    env.cachesDirectory = root / "caches";
+    platform::Environment::install(env);
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+
+    mock::AccountServer server;
+    const std::string path = "/api/private/mobile_sdk/settings/app.json";
+    const std::string url = server.url() + path;
+    const auto details = std::make_shared<ApplicationConfiguration>("app", "client", server.url());
+    const platform::DispatchQueue callbacks("com.velmora.bench.callbacks");
+    const auto makeService = [&] {
+        return ProviderService(details, resourceURL(details->accountUrl(), path), false, HttpMethod::get, {},
+                               std::nullopt, callbacks,
+                               Interceptors{{std::make_shared<ClientIdentifierInterceptor>(details)},
+                                            {},
+                                            interceptorQueue(),
+                                            platform::DispatchGroup()});
+    };
+
+    // One request at a time, interleaved in rounds so that drift falls on every side alike.
+    MinimalAsyncClient minimal(url, true);
+    MinimalAsyncClient bare(url, false);
+    CURL* reused = makeEasy(url, true);
+    std::vector<double> library, async, bareAsync, sync;
+    for (int i = 0; i < latencySamples + 100; ++i) {
+        const bool record = i >= 100;  // warm-up: connections, first allocations
+        {
+            Latch latch;
+            const auto start = Clock::now();
+            makeService().perform([&](const auto&, const auto&, const auto&) { latch.arrive(); });
+            latch.waitFor(1);
+            if (record)
+                library.push_back(nanosecondsBetween(start, Clock::now()));
+        }
+        {
+            Latch latch;
+            const auto start = Clock::now();
+            minimal.get([&] { latch.arrive(); });
+            latch.waitFor(1);
+            if (record)
+                async.push_back(nanosecondsBetween(start, Clock::now()));
+        }
+        {
+            Latch latch;
+            const auto start = Clock::now();
+            bare.get([&] { latch.arrive(); });
+            latch.waitFor(1);
+            if (record)
+                bareAsync.push_back(nanosecondsBetween(start, Clock::now()));
+        }
+        {
+            const auto start = Clock::now();
+            curl_easy_perform(reused);
+            if (record)
+                sync.push_back(nanosecondsBetween(start, Clock::now()));
+        }
+    }
+    curl_easy_cleanup(reused);
+
+    // Throughput: keep 32 requests in flight until all are done.
+    const auto throughput = [&](const std::function<void(std::function<void()>)>& start) {
+        Latch latch;
+        std::atomic<int> started{0};
+        std::function<void()> next = [&] {
+            if (started.fetch_add(1) < throughputRequests) {
+                start([&] {
+                    next();  // before arriving: the last arrival lets `next` go out of scope
+                    latch.arrive();
+                });
+            }
+        };
+        const auto begin = Clock::now();
+        for (int i = 0; i < inFlight; ++i) {
+            next();
+        }
+        latch.waitFor(throughputRequests);
+        return throughputRequests / (nanosecondsBetween(begin, Clock::now()) / 1e9);
+    };
+    const double rawRate = throughput([&](std::function<void()> done) { minimal.get(std::move(done)); });
+    const double libraryRate = throughput([&](std::function<void()> done) {
+        makeService().perform([done = std::move(done)](const auto&, const auto&, const auto&) { done(); });
+    });
+    const double rawRateAgain = throughput([&](std::function<void()> done) { minimal.get(std::move(done)); });
+
+    std::printf("network: one GET at a time against the local account server (%d samples each)\n",
+                latencySamples);
+    printRow("async libcurl, same request bytes", percentile(async, 50) / 1000, percentile(async, 99) / 1000,
+             "us");
+    printRow("async libcurl, bare GET", percentile(bareAsync, 50) / 1000, percentile(bareAsync, 99) / 1000,
+             "us");
+    printRow("sync reused easy handle, same bytes", percentile(sync, 50) / 1000, percentile(sync, 99) / 1000,
+             "us");
+    printRow("ProviderService.perform", percentile(library, 50) / 1000, percentile(library, 99) / 1000, "us");
+    std::printf("network: %d requests, %d in flight, %ld connections per host\n", throughputRequests,
+                inFlight, connectionCap);
+    std::printf("  %-44s %10.0f req/s (again after: %.0f)\n", "raw curl_multi, same request bytes", rawRate,
+                rawRateAgain);
+    std::printf("  %-44s %10.0f req/s\n", "ProviderService.perform", libraryRate);
+
+    printRatio("request_latency", percentile(library, 50) / percentile(async, 50));
+    printRatio("request_latency_vs_sync_easy", percentile(library, 50) / percentile(sync, 50));
+    printRatio("request_latency_vs_bare_get", percentile(library, 50) / percentile(bareAsync, 50));
+    printRatio("request_latency_p99", percentile(library, 99) / percentile(async, 99));
+    printRatio("request_throughput", libraryRate / ((rawRate + rawRateAgain) / 2));
+
+    server.stop();
+    std::error_code ignored;
+    std::filesystem::remove_all(root, ignored);
+    return 0;
+}
