@@ -1,12 +1,48 @@
 #pragma once
 
+#include <stdlib.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include <cstdlib>
+#include <filesystem>
+
+#include "velmora/platform/Environment.h"
+
 namespace velmora::bench {
+
+// Fresh data and caches directories under a new temporary folder, installed as the environment for the
+// benchmark's lifetime and removed afterwards.
+class ScratchEnvironment {
+  public:
+    ScratchEnvironment() {
+        const char* tmp = std::getenv("TMPDIR");
+        std::string pattern =
+            std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") + "/velmora-bench-XXXXXX";
+        if (::mkdtemp(pattern.data()) == nullptr) {
+            std::perror("mkdtemp");
+            std::exit(1);
+        }
+        root = pattern;
+        environment = platform::Environment::linuxDefaults("velmora-bench");
+        environment.dataDirectory = root / "data";
+        environment.cachesDirectory = root / "caches";
+        platform::Environment::install(environment);
+    }
+    ~ScratchEnvironment() {
+        std::error_code ignored;
+        std::filesystem::remove_all(root, ignored);
+    }
+    ScratchEnvironment(const ScratchEnvironment&) = delete;
+    ScratchEnvironment& operator=(const ScratchEnvironment&) = delete;
+
+    std::filesystem::path root;
+    platform::Environment environment;
+};
 
 using Clock = std::chrono::steady_clock;
 

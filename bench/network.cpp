@@ -148,23 +148,10 @@ class Latch {
     int count_ = 0;
 };
 
-std::filesystem::path makeDirectory() {
-    std::string pattern = "/tmp/velmora-bench-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        std::perror("mkdtemp");
-        std::exit(1);
-    }
-    return pattern;
-}
-
 }  // namespace
 
 int main() {
-    const auto root = makeDirectory();
-    auto env = platform::Environment::linuxDefaults("velmora-bench");
-    env.dataDirectory = root / "data";
-    env.cachesDirectory = root / "caches";
-    platform::Environment::install(env);
+    const ScratchEnvironment scratch;
     curl_global_init(CURL_GLOBAL_DEFAULT);
 
     mock::AccountServer server;
@@ -268,7 +255,5 @@ int main() {
     printRatio("request_throughput", libraryRate / ((rawRate + rawRateAgain) / 2));
 
     server.stop();
-    std::error_code ignored;
-    std::filesystem::remove_all(root, ignored);
     return 0;
 }

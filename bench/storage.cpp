@@ -41,24 +41,11 @@ constexpr int rounds = 10;
 constexpr int writesPerRound = 30;
 constexpr int reads = 200'000;
 
-std::filesystem::path makeDirectory() {
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern = std::string(tmp != nullptr ? tmp : "/tmp") + "/velmora-bench-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        std::perror("mkdtemp");
-        std::exit(1);
-    }
-    return pattern;
-}
-
 }  // namespace
 
 int main() {
-    const auto root = makeDirectory();
-    auto env = platform::Environment::linuxDefaults("velmora-bench");
-    env.dataDirectory = root / "data";
-    env.cachesDirectory = root / "caches";
-    platform::Environment::install(env);
+    const ScratchEnvironment scratch;
+    const auto& env = scratch.environment;
 
     const SessionStore store("bench-app");
     const std::string token(64, 'a');
@@ -141,7 +128,5 @@ int main() {
     std::printf("RATIO storage_syncs_per_synchronize %.2f\n",
                 totalSyncs / static_cast<double>(syncsPerStore.size()));
 
-    std::error_code ignored;
-    std::filesystem::remove_all(root, ignored);
     return 0;
 }
