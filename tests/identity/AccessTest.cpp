@@ -1,0 +1,261 @@
+#include "velmora/identity/AccessProvider.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+
+#include "tests/support/LibraryTest.h"
+#include "tests/support/Watchdog.h"
+#include "tools/velmora-mock/AccountServer.h"
+#include "velmora/identity/LoginInterceptors.h"
+#include "velmora/network/NetworkClient.h"
+
+namespace velmora::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using mock::AccountServer;
+using nlohmann::json;
+
+Result<Access> decodeAccess(const std::string& text) {
+    return Access::decode(Data::fromString(text));
+}
+
+TEST(AccessRecordsTest, TheUserIdIsStrictDecimalText) {
+    const auto ok = decodeAccess(R"({"authentication": {"access_token": "t", "user_id": "42"}})");
+    ASSERT_TRUE(ok.isSuccess());
+    EXPECT_EQ(ok.value().authentication.user_id, 42);
+    EXPECT_EQ(ok.value().toJson(),
+              json::parse(R"({"authentication": {"access_token": "t", "user_id": "42"}})"));
+
+    const auto number = decodeAccess(R"({"authentication": {"access_token": "t", "user_id": 42}})");
+    ASSERT_TRUE(number.isError());
+    EXPECT_EQ(number.error().domain(), "NSCocoaErrorDomain");
+
+    const auto tooBig =
+        decodeAccess(R"({"authentication": {"access_token": "t", "user_id": "9223372036854775808"}})");
+    ASSERT_TRUE(tooBig.isError());
+    EXPECT_EQ(tooBig.error().domain(), "VelmoraCoreSDK.Authentication.AuthenticationError");
+    EXPECT_EQ(tooBig.error().code(), 0);
+
+    EXPECT_EQ(parseDecimalInt64("-9223372036854775808"), std::numeric_limits<std::int64_t>::min());
+    EXPECT_EQ(parseDecimalInt64("9223372036854775807"), std::numeric_limits<std::int64_t>::max());
+    EXPECT_EQ(parseDecimalInt64("+7"), 7);
+    for (const char* bad : {"", "+", "-", " 7", "7 ", "0x10", "1e3", "--1", "12a"}) {
+        EXPECT_EQ(parseDecimalInt64(bad), std::nullopt) << bad;
+    }
+    EXPECT_TRUE(decodeAccess(R"({"authentication": {"user_id": "1"}})").isError());
+    EXPECT_TRUE(decodeAccess("").isError()) << "an empty body fails in the decoder";
+}
+
+// Waits for one callback.
+template <class T>
+class Awaited {
+  public:
+    std::function<void(T)> callback() {
+        return [this](T value) {
+            std::lock_guard lock(mutex_);
+            value_.emplace(std::move(value));
+            onMain_ = platform::DispatchQueue::main().isCurrent();
+            changed_.notify_all();
+        };
+    }
+    const T& wait() {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return value_.has_value(); });
+        return *value_;
+    }
+    bool arrived() {
+        std::lock_guard lock(mutex_);
+        return value_.has_value();
+    }
+    bool onMain() {
+        std::lock_guard lock(mutex_);
+        return onMain_;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::optional<T> value_;
+    bool onMain_ = false;
+};
+
+class AccessTest : public LibraryTest {
+  protected:
+    AccessTest() { details = std::make_shared<ApplicationConfiguration>("app", "client-1", server.url()); }
+
+    // A service through the login, authorisation and client identifier interceptors.
+    ProviderService authenticated(const std::string& path,
+                                  std::vector<std::shared_ptr<RequestInterceptor>> before = {}) {
+        auto chain = std::move(before);
+        chain.push_back(std::make_shared<LoginRequestInterceptor>(IdentityStore("app"),
+                                                                  std::make_shared<AccessProvider>(details)));
+        chain.push_back(std::make_shared<AuthRequestInterceptor>(IdentityStore("app")));
+        chain.push_back(std::make_shared<ClientIdentifierInterceptor>(details));
+        return ProviderService(
+            details, resourceURL(details->accountUrl(), path), true, HttpMethod::get, {}, std::nullopt,
+            platform::DispatchQueue("com.velmora.tests.callbacks"),
+            Interceptors{std::move(chain), {}, interceptorQueue(), platform::DispatchGroup()});
+    }
+
+    struct Answer {
+        std::optional<Data> data;
+        std::shared_ptr<const platform::HTTPURLResponse> response;
+        std::optional<Error> error;
+    };
+    Answer perform(const ProviderService& service) {
+        Awaited<Answer> answer;
+        auto callback = answer.callback();
+        service.perform([callback](const auto& data, const auto& response, const auto& error) {
+            callback(Answer{data, response, error});
+        });
+        return answer.wait();
+    }
+
+    Watchdog watchdog{90s, "access test"};
+    AccountServer server;
+    std::shared_ptr<ApplicationConfiguration> details;
+    const IdentityStore identityStore{"app"};
+};
+
+TEST_F(AccessTest, WithoutAnIdentityTheCallbackComesAtOnceWithCode100) {
+    Awaited<Result<Access>> access;
+    AccessProvider(details).getAccess(access.callback());
+    ASSERT_TRUE(access.arrived()) << "before getAccess returned";
+    EXPECT_EQ(access.wait().error().domain(), "com.velmora.core.access");
+    EXPECT_EQ(access.wait().error().code(), 100);
+    EXPECT_EQ(logs->lines(),
+              (std::vector<std::string>{"[ERROR]: Login error : No identity, aborting access call"}));
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST_F(AccessTest, TheAccessCallPostsTheIdentityToItsEndpointAndAnswersOnTheMainQueue) {
+    identityStore.store(Identity::createAnonymous());
+    identityStore.storeGuid(std::nullopt);
+    Awaited<Result<Access>> anonymous;
+    AccessProvider(details).getAccess(anonymous.callback());
+    ASSERT_TRUE(anonymous.wait().isSuccess());
+    EXPECT_TRUE(anonymous.onMain());
+    const auto posted = server.requests("POST", "/access/sdk/anonymous");
+    ASSERT_EQ(posted.size(), 1u);
+    EXPECT_EQ(posted[0].json(), json::parse(R"({"user": {}})"));
+    EXPECT_EQ(posted[0].header("Client-Identifier"), "client-1");
+    EXPECT_EQ(posted[0].header("Authorization"), std::nullopt);
+    EXPECT_EQ(identityStore.oauthToken(), std::nullopt) << "the provider stores nothing";
+
+    identityStore.store(Identity::createJwt("jwt-T"));
+    identityStore.storeGuid("STRAY-GUID");
+    Awaited<Result<Access>> jwt;
+    AccessProvider(details).getAccess(jwt.callback());
+    ASSERT_TRUE(jwt.wait().isSuccess());
+    EXPECT_EQ(server.requests("POST", "/access/sdk/jwt").at(0).json(),
+              json::parse(R"({"user": {"token": "jwt-T"}})"));
+}
+
+TEST_F(AccessTest, AFailedAccessCallCarriesTheStatusAndTheServersFields) {
+    identityStore.store(Identity::createJwt("jwt-T"));
+    server.script("POST", "/access/sdk/jwt",
+                  {.status = 403, .body = R"({"error": "Forbidden", "HTTP Status code": "x"})"});
+    Awaited<Result<Access>> access;
+    AccessProvider(details).getAccess(access.callback());
+    const auto& error = access.wait().error();
+    EXPECT_EQ(error.domain(), "com.velmora.sdk.core");
+    EXPECT_EQ(error.code(), 1000);
+    EXPECT_EQ(error.userInfo().value("error", ""), "Forbidden");
+    EXPECT_EQ(error.userInfo().at("HTTP Status code"), "x") << "the server's fields overwrite ours";
+    EXPECT_EQ(error.localizedDescription(), "forbidden");
+}
+
+TEST_F(AccessTest, TheFirstRequestLogsInOnceAndEveryRequestCarriesTheBearerToken) {
+    identityStore.store(Identity::createAnonymous("Ann", std::nullopt));
+    const auto first = perform(authenticated("/api/mobile/users/me.json"));
+    ASSERT_FALSE(first.error.has_value());
+    EXPECT_EQ(first.response->statusCode(), 200);
+    const auto token = identityStore.oauthToken();
+    ASSERT_TRUE(token.has_value());
+    EXPECT_EQ(identityStore.userId(), 1000);
+    EXPECT_EQ(server.requests("GET", "/api/mobile/users/me.json").at(0).header("Authorization"),
+              "Bearer " + *token);
+
+    perform(authenticated("/api/mobile/users/me.json"));
+    EXPECT_EQ(server.requests("POST", "/access/sdk/anonymous").size(), 1u)
+        << "a stored token needs no second login";
+}
+
+TEST_F(AccessTest, WithoutIdentityTheRequestFailsWithCode100AndBothLoginErrorLines) {
+    const auto answer = perform(authenticated("/api/mobile/users/me.json"));
+    ASSERT_TRUE(answer.error.has_value());
+    EXPECT_EQ(answer.error->code(), 100);
+    EXPECT_TRUE(server.requests().empty());
+    EXPECT_TRUE(logs->contains("[ERROR]: Login error : No identity, aborting access call"));
+    EXPECT_TRUE(logs->contains("[ERROR]: Login error : " + answer.error->description()));
+}
+
+// Inside a chain the first error halts it, so the login interceptor only meets a failure when called with
+// one; what it does then is called directly here.
+TEST_F(AccessTest, AFailureHandedToTheLoginInterceptorStillLogsInAndTheOutcomeDecidesWhichErrorWins) {
+    identityStore.store(Identity::createJwt("jwt-T"));
+    LoginRequestInterceptor login(IdentityStore("app"), std::make_shared<AccessProvider>(details));
+    const auto earlier = Result<platform::URLRequest>::error(Error("com.velmora.tests.earlier", 7));
+
+    const auto earlierWins = login.intercept(earlier, platform::DispatchGroup());
+    EXPECT_EQ(earlierWins.error().domain(), "com.velmora.tests.earlier");
+    EXPECT_TRUE(identityStore.oauthToken().has_value()) << "the access call was made and stored";
+
+    identityStore.update(IdentityStore::authTokenKey, PropertyValue(Data()));  // not text: no token
+    server.script("POST", "/access/sdk/jwt", {.status = 500});
+    const auto accessWins = login.intercept(earlier, platform::DispatchGroup());
+    EXPECT_EQ(accessWins.error().domain(), "com.velmora.sdk.core");
+    EXPECT_EQ(accessWins.error().code(), 1000);
+    EXPECT_EQ(server.requests("POST", "/access/sdk/jwt").size(), 2u);
+}
+
+TEST_F(AccessTest, TheBearerTokenReplacesAnAuthorizationTheCallerSet) {
+    identityStore.update(IdentityStore::authTokenKey, "abc");
+    platform::URLRequest request(*platform::URL::fromString(server.url() + "/x"));
+    request.setValue("Basic old", "authorization");
+    const auto result = AuthRequestInterceptor(IdentityStore("app"))
+                            .intercept(Result<platform::URLRequest>::success(request), {});
+    EXPECT_EQ(result.value().value("Authorization"), "Bearer abc");
+    EXPECT_EQ(result.value().allHTTPHeaderFields.size(), 1u);
+
+    const auto failure = Result<platform::URLRequest>::error(Error("d", 1));
+    EXPECT_EQ(AuthRequestInterceptor(IdentityStore("app")).intercept(failure, {}).error(), failure.error());
+    EXPECT_EQ(LoginRequestInterceptor(IdentityStore("app"), std::make_shared<AccessProvider>(details))
+                  .intercept(failure, {})
+                  .error(),
+              failure.error())
+        << "with a token the login interceptor passes even a failure through untouched";
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST_F(AccessTest, TwoHundredRequestsWithoutATokenAllComplete) {
+    identityStore.store(Identity::createAnonymous("Ann", std::nullopt));
+    CoreLogger::setEnabled(false);  // 200 chains' worth of lines would only slow the test
+    constexpr int requests = 200;
+    std::mutex mutex;
+    std::condition_variable changed;
+    int finished = 0;
+    int failed = 0;
+    for (int i = 0; i < requests; ++i) {
+        authenticated("/api/mobile/users/me.json")
+            .perform([&](const auto&, const auto& response, const auto& error) {
+                std::lock_guard lock(mutex);
+                ++finished;
+                failed += error || !response || response->statusCode() != 200;
+                changed.notify_all();
+            });
+    }
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [&] { return finished == requests; });
+    EXPECT_EQ(failed, 0);
+    const auto accessCalls = server.requests("POST", "/access/sdk/anonymous").size();
+    std::printf("200 concurrent requests without a token made %zu access calls\n", accessCalls);
+    EXPECT_GE(accessCalls, 1u);
+    EXPECT_LE(accessCalls, static_cast<std::size_t>(requests));
+}
+
+}  // namespace
+}  // namespace velmora::testing

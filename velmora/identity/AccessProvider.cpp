@@ -1,0 +1,169 @@
+#include "velmora/identity/AccessProvider.h"
+
+#include <limits>
+
+#include "velmora/network/NetworkClient.h"
+#include "velmora/support/CoreLogger.h"
+#include "velmora/support/DecodingError.h"
+#include "velmora/support/LibraryError.h"
+
+namespace velmora {
+
+using nlohmann::json;
+
+Error toError(Authentication::AuthenticationError error) {
+    return libraryError("Authentication.AuthenticationError", error, std::nullopt);
+}
+
+std::optional<std::int64_t> parseDecimalInt64(std::string_view text) {
+    bool negative = false;
+    if (!text.empty() && (text.front() == '+' || text.front() == '-')) {
+        negative = text.front() == '-';
+        text.remove_prefix(1);
+    }
+    if (text.empty()) {
+        return std::nullopt;
+    }
+    // Accumulated as a negative number, whose range is the larger one.
+    std::int64_t value = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9') {
+            return std::nullopt;
+        }
+        const int digit = c - '0';
+        if (value < (std::numeric_limits<std::int64_t>::min() + digit) / 10) {
+            return std::nullopt;
+        }
+        value = value * 10 - digit;
+    }
+    if (!negative) {
+        if (value == std::numeric_limits<std::int64_t>::min()) {
+            return std::nullopt;
+        }
+        value = -value;
+    }
+    return value;
+}
+
+Result<Authentication> Authentication::fromJson(const json& object) {
+    using R = Result<Authentication>;
+    if (!object.is_object()) {
+        return R::error(DecodingError::typeMismatch("Expected to decode Authentication from an object."));
+    }
+    const auto token = object.find("access_token");
+    const auto userId = object.find("user_id");
+    if (token == object.end()) {
+        return R::error(DecodingError::keyNotFound("access_token"));
+    }
+    if (userId == object.end()) {
+        return R::error(DecodingError::keyNotFound("user_id"));
+    }
+    if (!token->is_string()) {
+        return R::error(DecodingError::typeMismatch("Expected to decode String for \"access_token\"."));
+    }
+    if (!userId->is_string()) {
+        return R::error(DecodingError::typeMismatch("Expected to decode String for \"user_id\"."));
+    }
+    const auto id = parseDecimalInt64(userId->get_ref<const std::string&>());
+    if (!id) {
+        return R::error(toError(AuthenticationError::malformedUserId));
+    }
+    return R::success(Authentication{token->get<std::string>(), *id});
+}
+
+json Authentication::toJson() const {
+    return json{{"access_token", access_token}, {"user_id", std::to_string(user_id)}};
+}
+
+Result<Access> Access::decode(const Data& data) {
+    const auto parsed = json::parse(data.view(), nullptr, false);
+    if (parsed.is_discarded()) {
+        return Result<Access>::error(DecodingError::dataCorrupted("The given data was not valid JSON."));
+    }
+    if (!parsed.is_object()) {
+        return Result<Access>::error(
+            DecodingError::typeMismatch("Expected to decode Access from an object."));
+    }
+    const auto authentication = parsed.find("authentication");
+    if (authentication == parsed.end()) {
+        return Result<Access>::error(DecodingError::keyNotFound("authentication"));
+    }
+    return Authentication::fromJson(*authentication).map([](Authentication a) {
+        return Access{std::move(a)};
+    });
+}
+
+json Access::toJson() const {
+    return json{{"authentication", authentication.toJson()}};
+}
+
+platform::URL accessURL(const Identity& identity, const AccountDetails& details) {
+    return resourceURL(details.accountUrl(),
+                       identity.anonymous() != nullptr ? "/access/sdk/anonymous" : "/access/sdk/jwt");
+}
+
+std::optional<Data> accessBody(const Identity& identity, const GUIDProvider& guidProvider) {
+    json body;
+    if (const auto* anonymous = identity.anonymous()) {
+        body =
+            IdentityContainer<AnonymousDecorator>{{guidProvider.guid(), anonymous->name, anonymous->email}};
+    } else {
+        body = IdentityContainer<Jwt>{*identity.jwt()};
+    }
+    try {
+        return Data::fromString(body.dump());
+    } catch (const json::exception&) {
+        return std::nullopt;  // text that is not UTF-8
+    }
+}
+
+AccessProvider::AccessProvider(std::shared_ptr<const AccountDetails> environment)
+    : environment_(std::move(environment)),
+      identityStore_(environment_->applicationId()),
+      settingsStore_(environment_->applicationId()) {}
+
+void AccessProvider::getAccess(std::function<void(Result<Access>)> callback) {
+    const auto identity = identityStore_.identity();
+    if (!identity) {
+        CoreLogger::error("Login error : No identity, aborting access call");
+        callback(Result<Access>::error(Error("com.velmora.core.access", 100)));
+        return;
+    }
+    // Its own one-interceptor chain: the login interceptor must not call itself, and a 401 from the access
+    // endpoint clears nothing.
+    const ProviderService service(environment_, accessURL(*identity, *environment_), false, HttpMethod::post,
+                                  {}, accessBody(*identity, identityStore_), platform::DispatchQueue::main(),
+                                  Interceptors{{std::make_shared<ClientIdentifierInterceptor>(environment_)},
+                                               {},
+                                               interceptorQueue(),
+                                               platform::DispatchGroup()});
+    service.perform(
+        [callback = std::move(callback)](const std::optional<Data>& data,
+                                         const std::shared_ptr<const platform::HTTPURLResponse>& response,
+                                         const std::optional<Error>& error) {
+            if (response && response->statusCode() >= 200 && response->statusCode() <= 299 && data) {
+                callback(Access::decode(*data));
+                return;
+            }
+            if (error) {
+                callback(Result<Access>::error(*error));
+                return;
+            }
+            json info = json::object();
+            info["HTTP Status code"] = response ? response->statusCode() : 0;
+            info[std::string(Error::localizedDescriptionKey)] =
+                response ? platform::HTTPURLResponse::localizedString(response->statusCode())
+                         : "Default error description";
+            if (data) {
+                const auto body = json::parse(data->view(), nullptr, false);
+                if (body.is_object()) {
+                    for (const auto& [key, value] : body.items()) {
+                        info[key] = value;
+                    }
+                }
+            }
+            callback(Result<Access>::error(Error("com.velmora.sdk.core", 1000, std::move(info))));
+        });
+}
+
+}  // namespace velmora

@@ -1,0 +1,51 @@
+#include "velmora/identity/LoginInterceptors.h"
+
+#include <mutex>
+
+#include "velmora/support/CoreLogger.h"
+
+namespace velmora {
+
+Result<platform::URLRequest> LoginRequestInterceptor::intercept(Result<platform::URLRequest> request,
+                                                                const platform::DispatchGroup& group) {
+    if (identityStore_.oauthToken()) {
+        return request;
+    }
+    // The callback comes on the main queue while this thread waits; the box is what they share.
+    struct Box {
+        explicit Box(Result<platform::URLRequest> incoming) : result(std::move(incoming)) {}
+        std::mutex mutex;
+        Result<platform::URLRequest> result;
+    };
+    const auto box = std::make_shared<Box>(std::move(request));
+    group.enter();
+    accessProvider_->getAccess([box, group, store = identityStore_](Result<Access> access) {
+        if (access.isSuccess()) {
+            store.update(IdentityStore::authTokenKey, access.value().authentication.access_token);
+            store.update(IdentityStore::userIdKey, access.value().authentication.user_id);
+        } else {
+            {
+                std::lock_guard lock(box->mutex);
+                box->result = Result<platform::URLRequest>::error(access.error());
+            }
+            CoreLogger::error("Login error : " + access.error().description());
+        }
+        group.leave();
+    });
+    group.wait();
+    std::lock_guard lock(box->mutex);
+    return std::move(box->result);
+}
+
+Result<platform::URLRequest> AuthRequestInterceptor::intercept(Result<platform::URLRequest> request,
+                                                               const platform::DispatchGroup&) {
+    const auto token = identityStore_.oauthToken();
+    if (!token || request.isError()) {
+        return request;
+    }
+    auto authorised = std::move(request).value();
+    authorised.setValue("Bearer " + *token, "Authorization");
+    return Result<platform::URLRequest>::success(std::move(authorised));
+}
+
+}  // namespace velmora

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "velmora/Export.h"
+#include "velmora/identity/AccessProvider.h"
+#include "velmora/identity/IdentityStore.h"
+#include "velmora/network/Interceptors.h"
+
+namespace velmora {
+
+// Makes sure an access token exists: with none stored, performs the access call inside the chain, waits for
+// it, and stores what it returns. The call is made even after an earlier interceptor failed.
+class VELMORA_EXPORT LoginRequestInterceptor : public RequestInterceptor {
+  public:
+    LoginRequestInterceptor(IdentityStore identityStore,
+                            std::shared_ptr<AccessProviderProtocol> accessProvider)
+        : identityStore_(std::move(identityStore)), accessProvider_(std::move(accessProvider)) {}
+
+    Result<platform::URLRequest> intercept(Result<platform::URLRequest> request,
+                                           const platform::DispatchGroup& group) override;
+    std::string description() const override {
+        return "LoginRequestInterceptor(appId: " + identityStore_.appId() + ")";
+    }
+
+  private:
+    IdentityStore identityStore_;
+    std::shared_ptr<AccessProviderProtocol> accessProvider_;
+};
+
+// Puts the stored token on the request as "Authorization: Bearer <token>".
+class VELMORA_EXPORT AuthRequestInterceptor : public RequestInterceptor {
+  public:
+    explicit AuthRequestInterceptor(IdentityStore identityStore) : identityStore_(std::move(identityStore)) {}
+
+    Result<platform::URLRequest> intercept(Result<platform::URLRequest> request,
+                                           const platform::DispatchGroup& group) override;
+    std::string description() const override {
+        return "AuthRequestInterceptor(appId: " + identityStore_.appId() + ")";
+    }
+
+  private:
+    IdentityStore identityStore_;
+};
+
+}  // namespace velmora
