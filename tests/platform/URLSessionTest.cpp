@@ -117,31 +117,6 @@ class URLSessionTest : public LibraryTest {
     std::shared_ptr<URLSession> session;
 };
 
-TEST_F(URLSessionTest, ABodyInChunksArrivesChunkByChunkWithTheResponseKnown) {
-    server.script("GET", "/chunks",
-                  {.status = 200, .chunks = {"{\"a\":", "[1,2,", "3]}"}, .chunkDelay = 80ms});
-    std::shared_ptr<URLSessionDataTask> task;
-    const auto outcome = run(request("/chunks"), &task);
-    EXPECT_FALSE(outcome.error.has_value());
-    EXPECT_EQ(joined(outcome.chunks), "{\"a\":[1,2,3]}");
-    EXPECT_EQ(outcome.chunks.size(), 3u);
-    ASSERT_NE(outcome.responseAtFirstChunk, nullptr);
-    EXPECT_EQ(outcome.responseAtFirstChunk->statusCode(), 200);
-    EXPECT_EQ(outcome.responseAtFirstChunk->mimeType(), "application/json");
-    EXPECT_NE(outcome.thread, std::this_thread::get_id());
-}
-
-TEST_F(URLSessionTest, NoBodyGivesNoChunkAndAnEmptyBodyOneEmptyChunk) {
-    server.script("GET", "/none", {.status = 204});
-    server.script("GET", "/empty", {.status = 200, .body = ""});
-    const auto none = run(request("/none"));
-    EXPECT_TRUE(none.chunks.empty());
-    EXPECT_FALSE(none.error.has_value());
-    const auto empty = run(request("/empty"));
-    ASSERT_EQ(empty.chunks.size(), 1u);
-    EXPECT_TRUE(empty.chunks[0].empty());
-}
-
 TEST_F(URLSessionTest, SessionHeadersGoOnEveryRequestUnlessTheRequestSetsItsOwn) {
     auto own = request("/api/private/mobile_sdk/settings/app.json");
     own.setValue("text/plain", "accept");
