@@ -127,6 +127,7 @@ TEST_F(NetworkClientTest, ChunksArriveWholeWhileResponseInterceptorsSeeEachOne) 
     EXPECT_EQ(outcome.data->toString(), "[1,2,3]");
     EXPECT_TRUE(outcome.onServiceQueue);
     EXPECT_EQ(counting->chunks, (std::vector<std::string>{"[1,", "2,", "3]"}));
+    callbackQueue.sync([] {});  // the handler is removed right after the completion, in the same block
     EXPECT_EQ(NetworkClient::defaultClient().taskHandlerManager().count(), 0u)
         << "the handler goes once completed";
 }
