@@ -120,7 +120,7 @@ class NetworkClientTest : public LibraryTest {
 };
 
 TEST_F(NetworkClientTest, ChunksArriveWholeWhileResponseInterceptorsSeeEachOne) {
-    server.script("GET", "/chunks", {.status = 200, .chunks = {"[1,", "2,", "3]"}, .chunkDelay = 80ms});
+    server.script("GET", "/chunks", {.status = 200, .chunks = {"[1,", "2,", "3]"}, .chunkDelay = 250ms});
     const auto counting = std::make_shared<CountingResponseInterceptor>();
     const auto outcome = perform(service("/chunks", HttpMethod::get, {}, {counting}));
     ASSERT_TRUE(outcome.data.has_value());
@@ -136,7 +136,7 @@ TEST_F(NetworkClientTest, A401InThreeChunksClearsTheStoresThreeTimes) {
     const SessionStore session("app");
     ASSERT_TRUE(session.store(PropertyValue("tok"), "pushToken"));
     server.script("GET", "/api/mobile/users/me.json",
-                  {.status = 401, .chunks = {"{\"error\":", "\"Unauthorized\"", "}"}, .chunkDelay = 80ms});
+                  {.status = 401, .chunks = {"{\"error\":", "\"Unauthorized\"", "}"}, .chunkDelay = 250ms});
     logs->clear();
     const auto outcome = perform(service("/api/mobile/users/me.json", HttpMethod::get, {},
                                          {std::make_shared<InvalidResponseInterceptor>("app")}));
