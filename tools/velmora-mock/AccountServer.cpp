@@ -255,16 +255,13 @@ void AccountServer::setUserFields(json definitions) {
 }
 
 json AccountServer::defaultSettings() {
-    return json{{"settings",
-                 {{"core",
-                   {{"authentication", "anonymous"},
-                    {"identity_type", "anonymous"},
-                    {"updated_at", "2026-11-01T09:00:00Z"},
-                    {"push_enabled", true},
-                    {"push_notifications", {{"enabled", true}, {"type", "native"}}}}},
-                  {"blips",
-                   {{"permissions", {{"required", true}, {"behavioural", true}, {"trailmark", false}}},
-                    {"collect_only_required_data", false}}}}}};
+    return json{
+        {"core",
+         {{"identifier", "velmora-mock"},
+          {"authentication", "anonymous"},
+          {"brand_id", 1},
+          {"updated_at", "2026-11-01T09:00:00Z"}}},
+        {"blips", {{"permissions", {{"required", true}, {"behavioural", true}, {"trailmark", false}}}}}};
 }
 
 json AccountServer::state() const {

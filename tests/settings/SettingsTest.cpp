@@ -1,0 +1,202 @@
+#include "velmora/settings/Settings.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "tests/support/LibraryTest.h"
+#include "tests/support/Watchdog.h"
+#include "tools/velmora-mock/AccountServer.h"
+#include "velmora/network/DefaultInterceptors.h"
+
+namespace velmora::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using mock::AccountServer;
+using nlohmann::json;
+
+template <class T>
+class Awaited {
+  public:
+    std::function<void(T)> callback() {
+        return [this](T value) {
+            std::lock_guard lock(mutex_);
+            value_.emplace(std::move(value));
+            changed_.notify_all();
+        };
+    }
+    T wait() {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return value_.has_value(); });
+        return *value_;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::optional<T> value_;
+};
+
+class SettingsTest : public LibraryTest {
+  protected:
+    SettingsTest() {
+        CoreLogger::setLogLevel(LogLevel::verbose);
+        details = std::make_shared<ApplicationConfiguration>("app", "client", server.url());
+    }
+
+    template <class T>
+    T fetch() {
+        Awaited<T> settings;
+        SettingsProvider(details).getSettings<T>(settings.callback());
+        return settings.wait();
+    }
+    std::size_t settingsCalls() {
+        return server.requests("GET", "/api/private/mobile_sdk/settings/app.json").size();
+    }
+    void storeSettings(const json& document, Date updatedAt) {
+        const SettingsStore store("app");
+        ASSERT_TRUE(store.storeSettings(Data::fromString(document.dump())));
+        store.defaults()->set("updated_at", updatedAt);
+    }
+
+    Watchdog watchdog{60s, "settings test"};
+    AccountServer server;
+    std::shared_ptr<ApplicationConfiguration> details;
+};
+
+TEST_F(SettingsTest, FetchedOnceWhileNoneAreStoredThenAnsweredFromTheStore) {
+    const auto first = fetch<CoreSettings>();
+    EXPECT_EQ(first.brandId, 1);
+    EXPECT_EQ(first.identifier, "velmora-mock");
+    EXPECT_EQ(first.authentication, AuthenticationType::anonymous);
+    ASSERT_EQ(settingsCalls(), 1u);
+    const auto request = server.requests()[0];
+    EXPECT_EQ(request.header("Client-Identifier"), std::nullopt)
+        << "the settings call passes through no interceptor";
+    EXPECT_EQ(request.header("Authorization"), std::nullopt);
+    EXPECT_TRUE(logs->contains("[DEBUG]: Settings cached."));
+    EXPECT_TRUE(logs->contains("[DEBUG]: Returning settings for CoreSettings from network."));
+
+    // Freshness is strictly after the stamp: a read in the very millisecond of storing finds the settings
+    // stale.
+    std::this_thread::sleep_for(5ms);
+    EXPECT_EQ(fetch<BlipsSettings>().permissions, (BlipsPermissions{true, false, true}));
+    EXPECT_EQ(settingsCalls(), 1u) << "fresh settings come from the store";
+    EXPECT_TRUE(logs->contains("[DEBUG]: Returning cached settings for BlipsSettings"));
+}
+
+TEST_F(SettingsTest, FreshnessIsStrictOnBothEndsAndAFutureStampIsStale) {
+    const IntervalValidator validator{3600, Date::now()};
+    const auto u = Date::fromMillisecondsSince1970(1'795'289'368'000);
+    EXPECT_FALSE(validator.isFresh(u, u));
+    EXPECT_TRUE(validator.isFresh(u, u.addingTimeInterval(3599.999)));
+    EXPECT_FALSE(validator.isFresh(u, u.addingTimeInterval(3600))) << "exactly one hour later is out of date";
+
+    storeSettings(AccountServer::defaultSettings(), Date::now().addingTimeInterval(600));
+    fetch<CoreSettings>();
+    EXPECT_EQ(settingsCalls(), 1u) << "a future stamp (clock moved back) counts as out of date";
+    EXPECT_TRUE(logs->contains("[VERBOSE]: Settings in settings cache are out of date."));
+
+    storeSettings(AccountServer::defaultSettings(), Date::now().addingTimeInterval(600));
+    const SettingsRequestInterceptor interceptor(SettingsStore("app"),
+                                                 std::make_shared<SettingsProvider>(details), validator);
+    EXPECT_FALSE(interceptor.needToFetchSettings());
+}
+
+TEST_F(SettingsTest, BadDocumentsAndFailedCallsGiveTheDefaults) {
+    json unknownAuthentication = AccountServer::defaultSettings();
+    unknownAuthentication["core"]["authentication"] = "saml";
+    unknownAuthentication.erase("blips");
+    server.setSettings(unknownAuthentication);
+    EXPECT_EQ(fetch<CoreSettings>(), CoreSettings::defaultValue());
+    EXPECT_TRUE(logs->contains(
+        "[DEBUG]: Returning default settings for CoreSettings. Failed to decode data from network."));
+    EXPECT_FALSE(SettingsStore("app").settings().has_value()) << "undecodable answers are not stored";
+
+    json noBlips = AccountServer::defaultSettings();
+    noBlips.erase("blips");
+    server.setSettings(noBlips);
+    EXPECT_EQ(fetch<CoreSettings>().brandId, 1);
+    EXPECT_EQ(fetch<BlipsSettings>(), BlipsSettings::defaultValue());
+
+    SettingsStore("app").clear();
+    server.script("GET", "/api/private/mobile_sdk/settings/app.json", {.status = 200, .drop = true});
+    EXPECT_EQ(fetch<CoreSettings>(), CoreSettings::defaultValue());
+    EXPECT_EQ(
+        logs->linesStartingWith("[DEBUG]: Returning default settings for CoreSettings. Encounted an error: ")
+            .size(),
+        1u);
+
+    Awaited<CoreSettings> cached;
+    SettingsProvider(details).getCachedSettings<CoreSettings>(cached.callback());
+    EXPECT_EQ(cached.wait(), CoreSettings::defaultValue());
+    EXPECT_TRUE(logs->contains("[DEBUG]: Returning default settings for CoreSettings. No data in cache."));
+}
+
+TEST_F(SettingsTest, TheInterceptorFetchesOnlyWhileNoneAreStoredAndLeavesTheRequestAlone) {
+    const IntervalValidator validator{3600, Date::now()};
+    const auto interceptor = [&] {
+        return SettingsRequestInterceptor(SettingsStore("app"), std::make_shared<SettingsProvider>(details),
+                                          validator);
+    };
+    const auto request = Result<platform::URLRequest>::success(
+        platform::URLRequest(*platform::URL::fromString(server.url() + "/x")));
+
+    EXPECT_TRUE(interceptor().needToFetchSettings());
+    const auto passed = interceptor().intercept(request, platform::DispatchGroup());
+    EXPECT_TRUE(passed.value().allHTTPHeaderFields.empty());
+    EXPECT_EQ(settingsCalls(), 1u);
+    EXPECT_FALSE(
+        logs->linesStartingWith("[VERBOSE]: Settings interceptor retrived settings: CoreSettings(brandId: 1")
+            .empty());
+
+    // Fresh settings: asked again (the inverted rule), answered from the store without a call.
+    std::this_thread::sleep_for(5ms);  // past the stamp: freshness is strictly after it
+    EXPECT_TRUE(interceptor().needToFetchSettings());
+    (void)interceptor().intercept(request, platform::DispatchGroup());
+    EXPECT_EQ(settingsCalls(), 1u);
+
+    // Stale settings: not asked at all.
+    storeSettings(AccountServer::defaultSettings(), Date::now().addingTimeInterval(-7200));
+    EXPECT_FALSE(interceptor().needToFetchSettings());
+    (void)interceptor().intercept(request, platform::DispatchGroup());
+    EXPECT_TRUE(logs->contains("[VERBOSE]: Settings interceptor found valid settings"));
+    EXPECT_EQ(settingsCalls(), 1u);
+}
+
+TEST_F(SettingsTest, TheDefaultChainFetchesSettingsLogsInAndAuthorisesInThatOrder) {
+    IdentityStore("app").store(Identity::createAnonymous("Ann", std::nullopt));
+    const auto get = [&] {
+        Awaited<int> status;
+        auto callback = status.callback();
+        makeProviderService(details, resourceURL(details->accountUrl(), "/api/mobile/users/me.json"), true,
+                            HttpMethod::get, {}, std::nullopt,
+                            platform::DispatchQueue("com.velmora.tests.callbacks"))
+            .perform([callback](const auto&, const auto& response, const auto&) {
+                callback(response ? response->statusCode() : 0);
+            });
+        return status.wait();
+    };
+    EXPECT_EQ(get(), 200);
+    std::vector<std::string> paths;
+    for (const auto& r : server.requests()) {
+        paths.push_back(r.method + " " + r.path());
+    }
+    EXPECT_EQ(paths,
+              (std::vector<std::string>{"GET /api/private/mobile_sdk/settings/app.json",
+                                        "POST /access/sdk/anonymous", "GET /api/mobile/users/me.json"}));
+    const auto user = server.requests().back();
+    EXPECT_EQ(user.header("Client-Identifier"), "client");
+    EXPECT_EQ(user.header("Authorization"), "Bearer " + *IdentityStore("app").oauthToken());
+
+    std::this_thread::sleep_for(5ms);  // past the settings stamp
+    EXPECT_EQ(get(), 200);
+    EXPECT_EQ(server.requests().size(), 4u)
+        << "settings stored and a token held: only the request itself goes out";
+}
+
+}  // namespace
+}  // namespace velmora::testing
