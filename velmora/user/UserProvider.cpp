@@ -1,0 +1,317 @@
+#include "velmora/user/UserProvider.h"
+
+#include <algorithm>
+
+#include "velmora/network/DefaultInterceptors.h"
+#include "velmora/support/DateStringParser.h"
+#include "velmora/support/DecodingError.h"
+
+namespace velmora {
+
+using nlohmann::json;
+
+namespace {
+
+std::string fieldText(const json& value) {
+    if (value.is_number_integer()) {
+        return value.dump();
+    }
+    if (value.is_string()) {
+        return value.get<std::string>();
+    }
+    if (value.is_boolean()) {
+        return value.get<bool>() ? "true" : "false";
+    }
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+// Strict member readers for the field definitions: each fails the decoding when the member is missing or
+// mistyped.
+struct Strict {
+    const json& object;
+    std::optional<Error> error;
+
+    const json* member(const char* key) {
+        if (error) {
+            return nullptr;
+        }
+        const auto it = object.find(key);
+        if (it == object.end()) {
+            error = DecodingError::keyNotFound(key);
+            return nullptr;
+        }
+        return &*it;
+    }
+    void text(const char* key, std::string& out) {
+        if (const auto* value = member(key)) {
+            value->is_string() ? void(out = value->get<std::string>())
+                               : void(error = DecodingError::typeMismatch(
+                                          std::string("Expected a string for \"") + key + "\"."));
+        }
+    }
+    void integer(const char* key, std::int64_t& out) {
+        if (const auto* value = member(key)) {
+            value->is_number_integer() ? void(out = value->get<std::int64_t>())
+                                       : void(error = DecodingError::typeMismatch(
+                                                  std::string("Expected an integer for \"") + key + "\"."));
+        }
+    }
+    void integerText(const char* key, std::string& out) {
+        std::int64_t number = 0;
+        integer(key, number);
+        out = std::to_string(number);
+    }
+    void boolean(const char* key, bool& out) {
+        if (const auto* value = member(key)) {
+            value->is_boolean() ? void(out = value->get<bool>())
+                                : void(error = DecodingError::typeMismatch(
+                                           std::string("Expected a boolean for \"") + key + "\"."));
+        }
+    }
+    void date(const char* key, Date& out) {
+        std::string textValue;
+        text(key, textValue);
+        if (error) {
+            return;
+        }
+        if (const auto parsed = DateStringParser::withoutMilliseconds().date(textValue)) {
+            out = *parsed;
+        } else {
+            error = DecodingError::dataCorrupted(
+                std::string("Date string does not match format expected by formatter for \"") + key + "\".");
+        }
+    }
+};
+
+Result<UserFieldOption> optionFromJson(const json& object) {
+    if (!object.is_object()) {
+        return Result<UserFieldOption>::error(
+            DecodingError::typeMismatch("Expected an object for a field option."));
+    }
+    Strict read{object, std::nullopt};
+    UserFieldOption option;
+    read.integerText("id", option.id);
+    read.text("name", option.name);
+    read.text("raw_name", option.raw_name);
+    read.text("url", option.url);
+    read.text("value", option.value);
+    read.integer("position", option.position);
+    return read.error ? Result<UserFieldOption>::error(*read.error)
+                      : Result<UserFieldOption>::success(option);
+}
+
+constexpr const char* fieldTypes[] = {"checkbox", "date",   "decimal", "dropdown",
+                                      "integer",  "regexp", "text",    "textarea"};
+
+}  // namespace
+
+User User::fromJson(const json& object) {
+    User user;
+    if (!object.is_object()) {
+        return user;
+    }
+    if (const auto id = object.find("id"); id != object.end() && id->is_number_integer()) {
+        user.id = id->dump();
+    }
+    if (const auto name = object.find("name"); name != object.end() && name->is_string()) {
+        user.name = name->get<std::string>();
+    }
+    if (const auto agent = object.find("agent"); agent != object.end() && agent->is_boolean()) {
+        user.agent = agent->get<bool>();
+    }
+    if (const auto tags = object.find("tags"); tags != object.end() && tags->is_array()) {
+        std::vector<std::string> all;
+        bool wellTyped = true;
+        for (const auto& tag : *tags) {
+            wellTyped = wellTyped && tag.is_string();
+            if (wellTyped) {
+                all.push_back(tag.get<std::string>());
+            }
+        }
+        if (wellTyped) {
+            user.tags = std::move(all);
+        }
+    }
+    if (const auto fields = object.find("user_fields"); fields != object.end() && fields->is_object()) {
+        for (const auto& [key, value] : fields->items()) {
+            user.user_fields.emplace(key, fieldText(value));
+        }
+    }
+    if (const auto photo = object.find("photo"); photo != object.end() && photo->is_object()) {
+        if (const auto url = photo->find("content_url"); url != photo->end() && url->is_string()) {
+            user.content_url = url->get<std::string>();
+        }
+    }
+    return user;
+}
+
+std::string UserField::fieldType() const {
+    return fieldTypes[static_cast<int>(type)];
+}
+
+Result<UserField> UserField::fromJson(const json& object) {
+    if (!object.is_object()) {
+        return Result<UserField>::error(DecodingError::typeMismatch("Expected an object for a user field."));
+    }
+    Strict read{object, std::nullopt};
+    UserField field;
+    read.integerText("id", field.id);
+    read.text("url", field.url);
+    read.text("key", field.key);
+    std::string type;
+    read.text("type", type);
+    if (!read.error) {
+        const auto* found = std::find(std::begin(fieldTypes), std::end(fieldTypes), type);
+        if (found == std::end(fieldTypes)) {
+            read.error =
+                DecodingError::dataCorrupted("Cannot initialize FieldType from invalid String value " + type);
+        } else {
+            field.type = static_cast<FieldType>(found - std::begin(fieldTypes));
+        }
+    }
+    read.text("title", field.title);
+    read.text("raw_title", field.raw_title);
+    read.text("description", field.fieldDescription);
+    read.text("raw_description", field.raw_description);
+    read.integer("position", field.position);
+    read.boolean("active", field.active);
+    read.boolean("system", field.system);
+    read.text("regexp_for_validation", field.regexp_for_validation);
+    read.date("created_at", field.created_at);
+    read.date("updated_at", field.updated_at);
+    if (read.error) {
+        return Result<UserField>::error(*read.error);
+    }
+    if (const auto options = object.find("custom_field_options");
+        options != object.end() && !options->is_null()) {
+        if (!options->is_array()) {
+            return Result<UserField>::error(
+                DecodingError::typeMismatch("Expected an array for \"custom_field_options\"."));
+        }
+        field.custom_field_options.emplace();
+        for (const auto& option : *options) {
+            auto decoded = optionFromJson(option);
+            if (decoded.isError()) {
+                return Result<UserField>::error(decoded.error());
+            }
+            field.custom_field_options->push_back(std::move(decoded).value());
+        }
+    }
+    return Result<UserField>::success(std::move(field));
+}
+
+Result<User> decodeUserContainer(const Data& data) {
+    const auto parsed = json::parse(data.view(), nullptr, false);
+    if (parsed.is_discarded()) {
+        return Result<User>::error(DecodingError::dataCorrupted("The given data was not valid JSON."));
+    }
+    if (!parsed.is_object() || !parsed.contains("user")) {
+        return Result<User>::error(DecodingError::keyNotFound("user"));
+    }
+    if (!parsed["user"].is_object()) {
+        return Result<User>::error(DecodingError::typeMismatch("Expected an object for \"user\"."));
+    }
+    return Result<User>::success(User::fromJson(parsed["user"]));
+}
+
+Result<std::vector<UserField>> decodeUserFields(const Data& data) {
+    using R = Result<std::vector<UserField>>;
+    const auto parsed = json::parse(data.view(), nullptr, false);
+    if (parsed.is_discarded()) {
+        return R::error(DecodingError::dataCorrupted("The given data was not valid JSON."));
+    }
+    if (!parsed.is_object() || !parsed.contains("user_fields")) {
+        return R::error(DecodingError::keyNotFound("user_fields"));
+    }
+    if (!parsed["user_fields"].is_array()) {
+        return R::error(DecodingError::typeMismatch("Expected an array for \"user_fields\"."));
+    }
+    std::vector<UserField> fields;
+    for (const auto& entry : parsed["user_fields"]) {
+        auto field = UserField::fromJson(entry);
+        if (field.isError()) {
+            return R::error(field.error());
+        }
+        fields.push_back(std::move(field).value());
+    }
+    return R::success(std::move(fields));
+}
+
+std::string tagQuery(const std::vector<std::string>& tags) {
+    std::string joined;
+    for (std::size_t i = 0; i < tags.size(); ++i) {
+        joined += (i > 0 ? "," : "") + tags[i];
+    }
+    // The characters a URL host may hold as they are; every other byte is percent-encoded.
+    static constexpr std::string_view allowed =
+        "!$&'()*+,-.0123456789:;=ABCDEFGHIJKLMNOPQRSTUVWXYZ[]_abcdefghijklmnopqrstuvwxyz~";
+    static constexpr char hex[] = "0123456789ABCDEF";
+    std::string encoded;
+    for (const char c : joined) {
+        if (allowed.find(c) != std::string_view::npos) {
+            encoded += c;
+        } else {
+            const auto byte = static_cast<unsigned char>(c);
+            encoded += '%';
+            encoded += hex[byte >> 4];
+            encoded += hex[byte & 0x0F];
+        }
+    }
+    return encoded;
+}
+
+template <class T>
+void UserProvider::send(std::string_view path, HttpMethod method, std::optional<Data> body,
+                        std::function<Result<T>(const Data&)> decode,
+                        std::function<void(Result<T>)> callback) const {
+    makeProviderService(details_, resourceURL(details_->accountUrl(), path), true, method, {},
+                        std::move(body), platform::DispatchQueue::main())
+        .perform([decode = std::move(decode), callback = std::move(callback)](
+                     const std::optional<Data>& data, const std::shared_ptr<const platform::HTTPURLResponse>&,
+                     const std::optional<Error>& error) {
+            if (error) {
+                callback(Result<T>::error(*error));
+            } else if (!data) {
+                callback(Result<T>::error(Error("com.velmora.sdk.core", 3000)));
+            } else {
+                callback(decode(*data));
+            }
+        });
+}
+
+void UserProvider::getUser(std::function<void(Result<User>)> callback) const {
+    send<User>("/api/mobile/users/me.json", HttpMethod::get, std::nullopt, decodeUserContainer,
+               std::move(callback));
+}
+
+void UserProvider::addTags(const std::vector<std::string>& tags,
+                           std::function<void(Result<User>)> callback) const {
+    send<User>("/api/mobile/user_tags.json", HttpMethod::post,
+               Data::fromString(json{{"tags", tags}}.dump(-1, ' ', false, json::error_handler_t::replace)),
+               decodeUserContainer, std::move(callback));
+}
+
+void UserProvider::deleteTags(const std::vector<std::string>& tags,
+                              std::function<void(Result<User>)> callback) const {
+    send<User>("/api/mobile/user_tags/destroy_many.json?tags=" + tagQuery(tags), HttpMethod::delete_,
+               std::nullopt, decodeUserContainer, std::move(callback));
+}
+
+void UserProvider::setUserFields(const std::map<std::string, json>& userFields,
+                                 std::function<void(Result<User>)> callback) const {
+    json fields = json::object();
+    for (const auto& [key, value] : userFields) {
+        fields[key] = value;
+    }
+    send<User>("/api/mobile/users/me.json", HttpMethod::put,
+               Data::fromString(json{{"user", {{"user_fields", fields}}}}.dump(
+                   -1, ' ', false, json::error_handler_t::replace)),
+               decodeUserContainer, std::move(callback));
+}
+
+void UserProvider::getUserFields(std::function<void(Result<std::vector<UserField>>)> callback) const {
+    send<std::vector<UserField>>("/api/mobile/user_fields.json", HttpMethod::get, std::nullopt,
+                                 decodeUserFields, std::move(callback));
+}
+
+}  // namespace velmora
