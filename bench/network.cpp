@@ -15,6 +15,7 @@
 #include "tools/velmora-mock/AccountServer.h"
 #include "velmora/network/NetworkClient.h"
 #include "velmora/platform/Environment.h"
+#include "velmora/user/UserProvider.h"
 
 using namespace velmora;
 using namespace velmora::bench;
@@ -32,24 +33,25 @@ size_t discard(char*, size_t size, size_t count, void*) {
 
 // The request bytes the library sends (its session's shared headers and the client identifier), so that a
 // baseline given them measures the same exchange with the server.
-curl_slist* libraryHeaders() {
-    static curl_slist* headers = [] {
-        curl_slist* list = nullptr;
-        for (const auto& [name, value] :
-             SharedHeaders::sharedHeaders(VersionConstants::VelmoraCoreSDKVersionString, "Core")) {
-            list = curl_slist_append(list, (name + ": " + value).c_str());
-        }
-        list = curl_slist_append(list, "Client-Identifier: client");
-        return curl_slist_append(list, "Expect:");
-    }();
-    return headers;
+curl_slist* libraryHeaders(const std::vector<std::string>& extra = {}) {
+    curl_slist* list = nullptr;
+    for (const auto& [name, value] :
+         SharedHeaders::sharedHeaders(VersionConstants::VelmoraCoreSDKVersionString, "Core")) {
+        list = curl_slist_append(list, (name + ": " + value).c_str());
+    }
+    list = curl_slist_append(list, "Client-Identifier: client");
+    for (const auto& line : extra) {
+        list = curl_slist_append(list, line.c_str());
+    }
+    return curl_slist_append(list, "Expect:");
 }
 
-CURL* makeEasy(const std::string& url, bool sameRequest) {
+// `headers` empty: a bare GET with curl's own headers.
+CURL* makeEasy(const std::string& url, curl_slist* headers) {
     CURL* easy = curl_easy_init();
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-    if (sameRequest) {
-        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, libraryHeaders());
+    if (headers != nullptr) {
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
         curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
     }
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &discard);
@@ -61,8 +63,8 @@ CURL* makeEasy(const std::string& url, bool sameRequest) {
 // queue and a wake-up, completions handed out to a waiting caller.
 class MinimalAsyncClient {
   public:
-    MinimalAsyncClient(std::string url, bool sameRequest)
-        : url_(std::move(url)), sameRequest_(sameRequest), multi_(curl_multi_init()) {
+    MinimalAsyncClient(std::string url, curl_slist* headers)
+        : url_(std::move(url)), headers_(headers), multi_(curl_multi_init()) {
         curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, connectionCap);
         thread_ = std::thread([this] { run(); });
     }
@@ -94,7 +96,7 @@ class MinimalAsyncClient {
                 starting.swap(incoming_);
             }
             for (auto& done : starting) {
-                CURL* easy = pool_.empty() ? makeEasy(url_, sameRequest_) : pool_.back();
+                CURL* easy = pool_.empty() ? makeEasy(url_, headers_) : pool_.back();
                 if (!pool_.empty()) {
                     pool_.pop_back();
                 }
@@ -119,7 +121,7 @@ class MinimalAsyncClient {
     }
 
     std::string url_;
-    bool sameRequest_;
+    curl_slist* headers_;
     CURLM* multi_;
     std::thread thread_;
     std::atomic<bool> stop_{false};
@@ -169,9 +171,10 @@ int main() {
     };
 
     // One request at a time, interleaved in rounds so that drift falls on every side alike.
-    MinimalAsyncClient minimal(url, true);
-    MinimalAsyncClient bare(url, false);
-    CURL* reused = makeEasy(url, true);
+    curl_slist* sameHeaders = libraryHeaders();
+    MinimalAsyncClient minimal(url, sameHeaders);
+    MinimalAsyncClient bare(url, nullptr);
+    CURL* reused = makeEasy(url, sameHeaders);
     std::vector<double> library, async, bareAsync, sync;
     for (int i = 0; i < latencySamples + 100; ++i) {
         const bool record = i >= 100;  // warm-up: connections, first allocations
@@ -248,7 +251,42 @@ int main() {
                 rawRateAgain);
     std::printf("  %-44s %10.0f req/s\n", "ProviderService.perform", libraryRate);
 
+    // A warm user read: token stored, settings fresh, through the whole default chain; against the same
+    // request (bearer token included) from the minimal client.
+    IdentityStore("app").store(Identity::createAnonymous("Ann", std::nullopt));
+    const UserProvider users(details);
+    const auto getUser = [&] {
+        Latch latch;
+        users.getUser([&](const Result<User>&) { latch.arrive(); });
+        latch.waitFor(1);
+    };
+    getUser();
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(5));  // settings are fresh strictly after their stamp
+    curl_slist* userHeaders =
+        libraryHeaders({"Authorization: Bearer " + IdentityStore("app").oauthToken().value_or("")});
+    MinimalAsyncClient userBaseline(server.url() + "/api/mobile/users/me.json", userHeaders);
+    std::vector<double> userLibrary, userAsync;
+    for (int i = 0; i < latencySamples / 2 + 50; ++i) {
+        auto start = Clock::now();
+        getUser();
+        const double libraryNs = nanosecondsBetween(start, Clock::now());
+        Latch latch;
+        start = Clock::now();
+        userBaseline.get([&] { latch.arrive(); });
+        latch.waitFor(1);
+        if (i >= 50) {
+            userLibrary.push_back(libraryNs);
+            userAsync.push_back(nanosecondsBetween(start, Clock::now()));
+        }
+    }
+    printRow("UserProvider.getUser, warm", percentile(userLibrary, 50) / 1000,
+             percentile(userLibrary, 99) / 1000, "us");
+    printRow("async libcurl, same user request", percentile(userAsync, 50) / 1000,
+             percentile(userAsync, 99) / 1000, "us");
+
     printRatio("request_latency", percentile(library, 50) / percentile(async, 50));
+    printRatio("user_latency", percentile(userLibrary, 50) / percentile(userAsync, 50));
     printRatio("request_latency_vs_sync_easy", percentile(library, 50) / percentile(sync, 50));
     printRatio("request_latency_vs_bare_get", percentile(library, 50) / percentile(bareAsync, 50));
     printRatio("request_latency_p99", percentile(library, 99) / percentile(async, 99));

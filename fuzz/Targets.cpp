@@ -3,9 +3,12 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "velmora/identity/AccessProvider.h"
 #include "velmora/identity/Identity.h"
 #include "velmora/identity/LegacyIdentityMigrator.h"
 #include "velmora/platform/PropertyList.h"
+#include "velmora/settings/Settings.h"
+#include "velmora/user/UserProvider.h"
 
 namespace velmora::fuzz {
 namespace {
@@ -48,12 +51,51 @@ void keyedArchive(const std::uint8_t* data, std::size_t size) {
     }
 }
 
+void accessAnswer(const std::uint8_t* data, std::size_t size) {
+    const auto access = Access::decode(Data(data, size));
+    if (access.isSuccess()) {
+        const auto again = Access::decode(Data::fromString(access.value().toJson().dump()));
+        require(again.isSuccess() &&
+                    again.value().authentication.user_id == access.value().authentication.user_id,
+                "an access answer re-encodes to itself");
+    }
+}
+
+void userAnswers(const std::uint8_t* data, std::size_t size) {
+    const Data bytes(data, size);
+    (void)decodeUserContainer(bytes);
+    const auto fields = decodeUserFields(bytes);
+    if (fields.isSuccess()) {
+        for (const auto& field : fields.value()) {
+            require(!field.fieldType().empty(), "a decoded field has a type");
+        }
+    }
+}
+
+void settingsViews(const std::uint8_t* data, std::size_t size) {
+    const Data bytes(data, size);
+    const auto core = decodeSettings<CoreSettings>(bytes);
+    if (core.isSuccess()) {
+        require(!core.value().description().empty(), "decoded settings describe themselves");
+    }
+    (void)decodeSettings<BlipsSettings>(bytes);
+}
+
 Target targetNamed(std::string_view name) {
     if (name == "identity_decoder") {
         return &identityDecoder;
     }
     if (name == "keyed_archive") {
         return &keyedArchive;
+    }
+    if (name == "access_answer") {
+        return &accessAnswer;
+    }
+    if (name == "user_answers") {
+        return &userAnswers;
+    }
+    if (name == "settings_views") {
+        return &settingsViews;
     }
     return nullptr;
 }
