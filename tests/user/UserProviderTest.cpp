@@ -10,6 +10,7 @@
 #include "tools/velmora-mock/AccountServer.h"
 #include "velmora/identity/IdentityStore.h"
 #include "velmora/platform/Dispatch.h"
+#include "velmora/storage/SessionStore.h"
 
 namespace velmora::testing {
 namespace {
@@ -167,6 +168,28 @@ TEST_F(UserProviderTest, TagsAndFieldsRoundTripThroughTheAccount) {
     EXPECT_EQ(definitions.result->value().at(0).key, "plan");
     EXPECT_EQ(server.requests("POST", "/access/sdk/anonymous").size(), 1u)
         << "one login for the whole session";
+}
+
+TEST_F(UserProviderTest, A401WipesTheIdentitySoTheNextRequestFailsWithTheLoginError) {
+    const UserProvider users(details);
+    ASSERT_TRUE(call<User>([&](auto cb) { users.getUser(cb); }).result->isSuccess());
+    ASSERT_TRUE(SessionStore("app").store(PropertyValue("device"), "pushToken"));
+
+    server.script("GET", "/api/mobile/users/me.json",
+                  {.status = 401, .body = R"({"error": "Unauthorized"})"});
+    (void)call<User>([&](auto cb) { users.getUser(cb); });
+    EXPECT_EQ(IdentityStore("app").identity(), std::nullopt);
+    EXPECT_EQ(IdentityStore("app").oauthToken(), std::nullopt);
+    EXPECT_EQ(SessionStore("app").pushToken(), std::nullopt);
+
+    logs->clear();
+    const auto requestsBefore = server.requests().size();
+    const auto next = call<User>([&](auto cb) { users.getUser(cb); });
+    EXPECT_EQ(next.result->error().domain(), "com.velmora.core.access");
+    EXPECT_EQ(next.result->error().code(), 100);
+    EXPECT_TRUE(logs->contains("[ERROR]: Login error : No identity, aborting access call"));
+    EXPECT_TRUE(logs->contains("[ERROR]: Login error : " + next.result->error().description()));
+    EXPECT_EQ(server.requests().size(), requestsBefore) << "nothing is sent without an identity";
 }
 
 TEST_F(UserProviderTest, AMissingBodyIsCode3000AndAnEmptyOneADecoderError) {
