@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "tests/support/Awaited.h"
 #include "tests/support/LibraryTest.h"
 #include "tests/support/Watchdog.h"
 #include "tools/velmora-mock/AccountServer.h"
@@ -48,39 +49,6 @@ TEST(AccessRecordsTest, TheUserIdIsStrictDecimalText) {
     EXPECT_TRUE(decodeAccess(R"({"authentication": {"user_id": "1"}})").isError());
     EXPECT_TRUE(decodeAccess("").isError()) << "an empty body fails in the decoder";
 }
-
-// Waits for one callback.
-template <class T>
-class Awaited {
-  public:
-    std::function<void(T)> callback() {
-        return [this](T value) {
-            std::lock_guard lock(mutex_);
-            value_.emplace(std::move(value));
-            onMain_ = platform::DispatchQueue::main().isCurrent();
-            changed_.notify_all();
-        };
-    }
-    const T& wait() {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return value_.has_value(); });
-        return *value_;
-    }
-    bool arrived() {
-        std::lock_guard lock(mutex_);
-        return value_.has_value();
-    }
-    bool onMain() {
-        std::lock_guard lock(mutex_);
-        return onMain_;
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::optional<T> value_;
-    bool onMain_ = false;
-};
 
 class AccessTest : public LibraryTest {
   protected:

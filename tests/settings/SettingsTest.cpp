@@ -6,6 +6,7 @@
 #include <mutex>
 #include <thread>
 
+#include "tests/support/Awaited.h"
 #include "tests/support/LibraryTest.h"
 #include "tests/support/Watchdog.h"
 #include "tools/velmora-mock/AccountServer.h"
@@ -17,28 +18,6 @@ namespace {
 using namespace std::chrono_literals;
 using mock::AccountServer;
 using nlohmann::json;
-
-template <class T>
-class Awaited {
-  public:
-    std::function<void(T)> callback() {
-        return [this](T value) {
-            std::lock_guard lock(mutex_);
-            value_.emplace(std::move(value));
-            changed_.notify_all();
-        };
-    }
-    T wait() {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return value_.has_value(); });
-        return *value_;
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::optional<T> value_;
-};
 
 class SettingsTest : public LibraryTest {
   protected:

@@ -1,5 +1,6 @@
 #include "velmora/identity/Identity.h"
 
+#include "velmora/support/JsonReading.h"
 #include "velmora/support/LibraryError.h"
 
 namespace velmora {
@@ -9,20 +10,6 @@ void putIfPresent(nlohmann::json& json, const char* key, const std::optional<std
     if (value) {
         json[key] = *value;
     }
-}
-
-// A member that may be missing or null; present with another type is a decoding failure.
-bool readOptionalString(const nlohmann::json& object, const char* key, std::optional<std::string>& out) {
-    const auto it = object.find(key);
-    if (it == object.end() || it->is_null()) {
-        out.reset();
-        return true;
-    }
-    if (!it->is_string()) {
-        return false;
-    }
-    out = it->get<std::string>();
-    return true;
 }
 
 std::optional<Anonymous> decodeAnonymous(const nlohmann::json& json) {

@@ -4,29 +4,11 @@
 #include "velmora/support/CoreLogger.h"
 #include "velmora/support/DateStringParser.h"
 #include "velmora/support/DecodingError.h"
+#include "velmora/support/JsonReading.h"
 
 namespace velmora {
 
 using nlohmann::json;
-
-namespace {
-
-// A key that must be there; null counts as an absent value. False when present with another type.
-bool readNullableString(const json& object, const char* key, std::optional<std::string>& out, bool& present) {
-    const auto it = object.find(key);
-    present = it != object.end();
-    if (!present || it->is_null()) {
-        out.reset();
-        return true;
-    }
-    if (!it->is_string()) {
-        return false;
-    }
-    out = it->get<std::string>();
-    return true;
-}
-
-}  // namespace
 
 Result<CoreSettings> CoreSettings::fromJson(const json& document) {
     using R = Result<CoreSettings>;
@@ -35,12 +17,12 @@ Result<CoreSettings> CoreSettings::fromJson(const json& document) {
         return R::error(DecodingError::keyNotFound("core"));
     }
     CoreSettings settings;
-    bool present = false;
-    if (!readNullableString(*core, "identifier", settings.identifier, present) || !present) {
+    // Both keys are required, though their values may be null.
+    if (!core->contains("identifier") || !readOptionalString(*core, "identifier", settings.identifier)) {
         return R::error(DecodingError::keyNotFound("identifier"));
     }
     std::optional<std::string> authentication;
-    if (!readNullableString(*core, "authentication", authentication, present) || !present) {
+    if (!core->contains("authentication") || !readOptionalString(*core, "authentication", authentication)) {
         return R::error(DecodingError::keyNotFound("authentication"));
     }
     if (authentication) {
