@@ -1,0 +1,93 @@
+#include "velmora/blips/BlipRecords.h"
+
+#include "velmora/support/DateStringParser.h"
+
+namespace velmora {
+
+using nlohmann::ordered_json;
+
+namespace {
+
+ordered_json valueJson(const BlipValue& value) {
+    ordered_json json{{"device", value.device.toJson()}};
+    if (value.payload) {
+        json["payload"] = *value.payload;
+    }
+    return json;
+}
+
+}  // namespace
+
+std::optional<BlipsGroup> blipsGroupFromRawValue(int rawValue) {
+    if (rawValue < 0 || rawValue > 2) {
+        return std::nullopt;
+    }
+    return static_cast<BlipsGroup>(rawValue);
+}
+
+BlipRequest BlipRequest::makeUserAction(std::string appId, std::string uuid, std::string version,
+                                        std::string channel, std::string schemaVersion, Date timestamp,
+                                        std::optional<std::int64_t> userId, std::string category,
+                                        std::string action, std::optional<std::string> label,
+                                        BlipPayload value) {
+    UserActionRequest request{std::move(category), std::move(action), std::move(label),
+                              BlipValue{DeviceInfo::current(), std::move(value)}};
+    return BlipRequest{
+        std::move(appId), std::move(uuid), std::move(version), std::move(channel), std::move(schemaVersion),
+        timestamp,        userId,          std::nullopt,       std::move(request), std::nullopt};
+}
+
+BlipRequest BlipRequest::makePageView(std::string appId, std::string uuid, std::string version,
+                                      std::string channel, std::string schemaVersion, Date timestamp,
+                                      std::optional<std::int64_t> userId, std::string pageTitle,
+                                      std::string navigatorLanguage, std::string url, BlipPayload value) {
+    PageViewRequest request{std::move(pageTitle), std::move(navigatorLanguage),
+                            BlipValue{DeviceInfo::current(), std::move(value)}};
+    return BlipRequest{
+        std::move(appId), std::move(uuid), std::move(version), std::move(channel), std::move(schemaVersion),
+        timestamp,        userId,          std::move(url),     std::nullopt,       std::move(request)};
+}
+
+ordered_json BlipRequest::toJson() const {
+    ordered_json json{{"appId", appId},
+                      {"uuid", uuid},
+                      {"version", version},
+                      {"channel", channel},
+                      {"schemaVersion", schemaVersion},
+                      {"timestamp", DateStringParser::withMilliseconds().string(timestamp)}};
+    if (userId) {
+        json["userId"] = *userId;
+    }
+    if (url) {
+        json["url"] = *url;
+    }
+    if (userAction) {
+        ordered_json action{{"category", userAction->category}, {"action", userAction->action}};
+        if (userAction->label) {
+            action["label"] = *userAction->label;
+        }
+        if (userAction->value) {
+            action["value"] = valueJson(*userAction->value);
+        }
+        json["userAction"] = std::move(action);
+    }
+    if (pageView) {
+        ordered_json page{{"pageTitle", pageView->pageTitle},
+                          {"navigatorLanguage", pageView->navigatorLanguage}};
+        if (pageView->value) {
+            page["value"] = valueJson(*pageView->value);
+        }
+        json["pageView"] = std::move(page);
+    }
+    return json;
+}
+
+Result<Data> BlipRequest::data() const {
+    try {
+        return Result<Data>::success(Data::fromString(toJson().dump()));
+    } catch (const nlohmann::json::exception& e) {
+        return Result<Data>::error(Error::withDescription("NSCocoaErrorDomain", 4866, e.what()));
+    }
+}
+
+}  // namespace velmora
