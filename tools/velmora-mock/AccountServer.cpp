@@ -477,7 +477,7 @@ AccountServer::Reply AccountServer::handle(const RecordedRequest& request) {
         if (devices_.erase(identifier) == 0) {
             return Reply::json(404, errorBody("RecordNotFound", "Not found"));
         }
-        return Reply{204, "", {}, std::nullopt};
+        return Reply::json(200, json::object());
     }
     return Reply::json(404, errorBody("RecordNotFound", "Not found"));
 }

@@ -37,13 +37,17 @@ void BlipsProvider::sendIfPermitted(const BlipRequest& request, BlipsGroup group
         CoreLogger::error("Faild to send blip " + data.error().localizedDescription());
         return;
     }
+    sendEncoded(data.value(), group);
+}
+
+void BlipsProvider::sendEncoded(const Data& data, BlipsGroup group) const {
     settingsProvider_->getCachedSettings<BlipsSettings>([this, &data, group](BlipsSettings settings) {
         const auto& permissions = settings.permissions;
         const bool permitted = group == BlipsGroup::required      ? permissions.required
                                : group == BlipsGroup::behavioural ? permissions.behavioural
                                                                   : permissions.trailmark;
         if (permitted) {
-            sendBlipEvent(data.value(), group);
+            sendBlipEvent(data, group);
         }
     });
 }

@@ -28,6 +28,8 @@ class VELMORA_EXPORT BlipsProvider {
     BlipRequest convert(const UserAction& blip) const;
     BlipRequest convert(const PageView& blip) const;
 
+    // An event encoded earlier, sent now if its group is permitted.
+    void sendEncoded(const Data& data, BlipsGroup group) const;
     void sendBlipEvent(const Data& data, BlipsGroup group) const;
 
     // The account URL + "/embeddable_blip?data=" + the event's base64, put into the query as it is.

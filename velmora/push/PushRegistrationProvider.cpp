@@ -1,0 +1,156 @@
+#include "velmora/push/PushRegistrationProvider.h"
+
+#include <nlohmann/json.hpp>
+
+#include "velmora/network/DefaultInterceptors.h"
+#include "velmora/platform/Format.h"
+#include "velmora/support/CoreLogger.h"
+#include "velmora/support/DecodingError.h"
+
+namespace velmora {
+
+using nlohmann::json;
+
+namespace {
+
+UserAction pushEvent(const char* action) {
+    return UserAction{"2.0.0", action, "core_sdk", "CoreSDK", std::nullopt, std::nullopt};
+}
+
+}  // namespace
+
+Result<PushRegistrationResponse> PushRegistrationResponse::decode(const Data& data) {
+    using R = Result<PushRegistrationResponse>;
+    const auto parsed = json::parse(data.view(), nullptr, false);
+    if (parsed.is_discarded()) {
+        return R::error(DecodingError::dataCorrupted("The given data was not valid JSON."));
+    }
+    const auto device = parsed.is_object() ? parsed.find("push_notification_device") : parsed.end();
+    if (!parsed.is_object() || device == parsed.end() || !device->is_object()) {
+        return R::error(DecodingError::keyNotFound("push_notification_device"));
+    }
+    const auto identifier = device->find("identifier");
+    if (identifier == device->end() || !identifier->is_string()) {
+        return R::error(DecodingError::keyNotFound("identifier"));
+    }
+    return R::success({identifier->get<std::string>()});
+}
+
+void PushRegistrationProvider::sendPushEvent(const char* action) const {
+    blipsProvider_.send(pushEvent(action), BlipsGroup::required);
+}
+
+void PushRegistrationProvider::registerForPush(const std::string& deviceIdentifier, const std::string& locale,
+                                               Callback callback) const {
+    registerIdentifier(deviceIdentifier, locale, false, std::move(callback));
+}
+
+void PushRegistrationProvider::registerForPushWithUAChannelId(const std::string& channelId,
+                                                              const std::string& locale,
+                                                              Callback callback) const {
+    registerIdentifier(channelId, locale, true, std::move(callback));
+}
+
+void PushRegistrationProvider::registerIdentifier(const std::string& identifier, const std::string& locale,
+                                                  bool channel, Callback callback) const {
+    const auto stored = tokenManagement_->pushToken();
+    if (!stored) {
+        CoreLogger::verbose("No cached identifier, proceeding to register device.");
+    } else if (*stored != identifier) {
+        CoreLogger::verbose(
+            "The provided identifier is different from the cached identifier, proceeding to register "
+            "device.");
+    } else {
+        CoreLogger::debug("Skipping registration because device is already registered with this identifier.");
+        sendPushEvent("PushOn");
+        callback(Result<PushRegistrationResponse>::success({identifier}));
+        return;
+    }
+
+    json body = json::object();
+    body["identifier"] = identifier;
+    body["device_type"] = "iphone";
+    body["locale"] = locale;
+    if (channel) {
+        body["token_type"] = "urban_airship_channel_id";
+    }
+    if (const auto guid = userDetails_->guid()) {
+        body["sdk_guid"] = *guid;
+    }
+    std::string encoded;
+    try {
+        encoded = json{{"push_notification_device", body}}.dump();
+    } catch (const json::exception&) {
+        // The caller is not told: no request could have been made of this.
+        CoreLogger::error("Could not serialize Push registration request into JSON");
+        return;
+    }
+    makeProviderService(
+        accountDetails_,
+        resourceURL(accountDetails_->accountUrl(), "/api/mobile/push_notification_devices.json"), true,
+        HttpMethod::post, {}, Data::fromString(encoded), platform::DispatchQueue::main())
+        .perform([self = *this, callback = std::move(callback)](
+                     const std::optional<Data>& data,
+                     const std::shared_ptr<const platform::HTTPURLResponse>& response,
+                     const std::optional<Error>& error) {
+            using R = Result<PushRegistrationResponse>;
+            if (response && (response->statusCode() < 200 || response->statusCode() > 299)) {
+                callback(R::error(Error("com.velmora.sdk.core", 2000,
+                                        {{std::string(Error::localizedDescriptionKey),
+                                          platform::HTTPURLResponse::localizedString(response->statusCode())},
+                                         {"HTTP Status code", response->statusCode()}})));
+                return;
+            }
+            if (error) {
+                callback(R::error(*error));
+                return;
+            }
+            if (!data) {
+                callback(R::error(Error("com.velmora.sdk.core", 2000)));
+                return;
+            }
+            auto decoded = PushRegistrationResponse::decode(*data);
+            if (decoded.isSuccess()) {
+                self.tokenManagement_->updatePushToken(decoded.value().identifier);
+                self.sendPushEvent("PushOn");
+            }
+            callback(std::move(decoded));
+        });
+}
+
+void PushRegistrationProvider::unregisterForPush() const {
+    const auto stored = tokenManagement_->pushToken();
+    if (!stored) {
+        CoreLogger::debug("unregisterForPush() was called with no stored push identifier, cannot unregister");
+        return;
+    }
+    unregisterForPush(*stored);
+}
+
+void PushRegistrationProvider::unregisterForPush(const std::string& deviceIdentifier) const {
+    // Encoded now, with the time of the request; sent only once the server has let the device go.
+    const auto pushOff = blipsProvider_.convert(pushEvent("PushOff")).data();
+    makeProviderService(accountDetails_,
+                        resourceURL(accountDetails_->accountUrl(),
+                                    "/api/mobile/push_notification_devices/" + deviceIdentifier + ".json"),
+                        true, HttpMethod::delete_, {}, std::nullopt, platform::DispatchQueue::main())
+        .perform([self = *this, pushOff](const std::optional<Data>& data,
+                                         const std::shared_ptr<const platform::HTTPURLResponse>&,
+                                         const std::optional<Error>& error) {
+            if (error) {
+                CoreLogger::debug(
+                    platform::format("Push unregistration failed with %@", error->description()));
+                return;
+            }
+            if (!data) {
+                return;
+            }
+            if (pushOff.isSuccess()) {
+                self.blipsProvider_.sendEncoded(pushOff.value(), BlipsGroup::required);
+            }
+            self.tokenManagement_->updatePushToken(std::nullopt);
+            CoreLogger::debug("Push unregistration successful");
+        });
+}
+
+}  // namespace velmora
