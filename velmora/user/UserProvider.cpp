@@ -42,32 +42,28 @@ struct Strict {
         }
         return &*it;
     }
-    void text(const char* key, std::string& out) {
+    // The member as T when `isKind` holds for it; a type mismatch naming `kind` otherwise.
+    template <class T>
+    void typed(const char* key, T& out, bool (json::*isKind)() const noexcept, const char* kind) {
         if (const auto* value = member(key)) {
-            value->is_string() ? void(out = value->get<std::string>())
-                               : void(error = DecodingError::typeMismatch(
-                                          std::string("Expected a string for \"") + key + "\"."));
+            if ((value->*isKind)()) {
+                out = value->get<T>();
+            } else {
+                error =
+                    DecodingError::typeMismatch(std::string("Expected ") + kind + " for \"" + key + "\".");
+            }
         }
     }
+    void text(const char* key, std::string& out) { typed(key, out, &json::is_string, "a string"); }
     void integer(const char* key, std::int64_t& out) {
-        if (const auto* value = member(key)) {
-            value->is_number_integer() ? void(out = value->get<std::int64_t>())
-                                       : void(error = DecodingError::typeMismatch(
-                                                  std::string("Expected an integer for \"") + key + "\"."));
-        }
+        typed(key, out, &json::is_number_integer, "an integer");
     }
     void integerText(const char* key, std::string& out) {
         std::int64_t number = 0;
         integer(key, number);
         out = std::to_string(number);
     }
-    void boolean(const char* key, bool& out) {
-        if (const auto* value = member(key)) {
-            value->is_boolean() ? void(out = value->get<bool>())
-                                : void(error = DecodingError::typeMismatch(
-                                           std::string("Expected a boolean for \"") + key + "\"."));
-        }
-    }
+    void boolean(const char* key, bool& out) { typed(key, out, &json::is_boolean, "a boolean"); }
     void date(const char* key, Date& out) {
         std::string textValue;
         text(key, textValue);
