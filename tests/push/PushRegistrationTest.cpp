@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "tests/support/Awaited.h"
 #include "tests/support/LibraryTest.h"
 #include "tests/support/Watchdog.h"
@@ -36,21 +34,6 @@ class PushRegistrationTest : public LibraryTest {
                 : provider().registerForPush(identifier, "en-gb", result.callback());
         return result.wait();
     }
-    std::size_t events(const std::string& action) {
-        std::size_t count = 0;
-        const auto state = server.state();  // a member of a temporary would not outlive the loop's start
-        for (const auto& event : state["events"]) {
-            count += event["userAction"]["action"] == action;
-        }
-        return count;
-    }
-    bool waitForEvents(const std::string& action, std::size_t count) {
-        for (int i = 0; i < 400 && events(action) < count; ++i) {
-            std::this_thread::sleep_for(10ms);
-        }
-        return events(action) >= count;
-    }
-
     Watchdog watchdog{60s, "push registration test"};
     AccountServer server;
     std::shared_ptr<ApplicationConfiguration> details;
@@ -70,7 +53,7 @@ TEST_F(PushRegistrationTest, RegisteringTheSameIdentifierTwiceMakesOneRequestAnd
                                                                   {"device_type", "iphone"},
                                                                   {"locale", "en-gb"},
                                                                   {"sdk_guid", *identity->guid()}}));
-    EXPECT_TRUE(waitForEvents("PushOn", 2));
+    EXPECT_TRUE(server.waitForEvents("PushOn", 2));
 
     EXPECT_EQ(registerDevice("channel-1", true).value().identifier, "channel-1");
     EXPECT_EQ(server.requests("POST", "/api/mobile/push_notification_devices.json")
@@ -104,7 +87,7 @@ TEST_F(PushRegistrationTest, UnregisteringClearsTheIdentifierAndSendsPushOffOnly
     EXPECT_EQ(server.requests("DELETE", "/api/mobile/push_notification_devices/device-token.json").size(),
               1u);
     EXPECT_EQ(SessionStore("app").pushToken(), std::nullopt);
-    EXPECT_TRUE(waitForEvents("PushOff", 1));
+    EXPECT_TRUE(server.waitForEvents("PushOff", 1));
     EXPECT_TRUE(server.state()["devices"].empty());
 }
 

@@ -244,6 +244,29 @@ bool AccountServer::waitForRequests(std::size_t count, std::chrono::milliseconds
     return changed_.wait_for(lock, timeout, [&] { return requests_.size() >= count; });
 }
 
+std::vector<json> AccountServer::eventsLocked(std::string_view action) const {
+    std::vector<json> matching;
+    for (const auto& event : events_) {
+        const auto userAction = event.find("userAction");
+        if (action.empty() || (userAction != event.end() && userAction->is_object() &&
+                               userAction->value("action", "") == action)) {
+            matching.push_back(event);
+        }
+    }
+    return matching;
+}
+
+std::vector<json> AccountServer::events(std::string_view action) const {
+    std::lock_guard lock(mutex_);
+    return eventsLocked(action);
+}
+
+bool AccountServer::waitForEvents(std::string_view action, std::size_t count,
+                                  std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] { return eventsLocked(action).size() >= count; });
+}
+
 void AccountServer::setSettings(json settings) {
     std::lock_guard lock(mutex_);
     settings_ = std::move(settings);

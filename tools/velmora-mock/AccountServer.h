@@ -82,6 +82,11 @@ class AccountServer {
     bool waitForRequests(std::size_t count,
                          std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
+    // The decoded events whose user action is `action`; every event when it is empty.
+    std::vector<nlohmann::json> events(std::string_view action = {}) const;
+    bool waitForEvents(std::string_view action, std::size_t count,
+                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+
     // The settings document served for every application id.
     void setSettings(nlohmann::json settings);
     static nlohmann::json defaultSettings();
@@ -95,6 +100,7 @@ class AccountServer {
 
   private:
     struct Reply;
+    std::vector<nlohmann::json> eventsLocked(std::string_view action) const;
     Reply handle(const RecordedRequest& request);
     Reply access(const RecordedRequest& request, bool jwt);
     std::optional<std::int64_t> authenticatedUser(const RecordedRequest& request) const;

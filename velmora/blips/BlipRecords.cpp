@@ -4,6 +4,10 @@
 
 namespace velmora {
 
+UserAction coreSdkEvent(std::string action) {
+    return UserAction{"2.0.0", std::move(action), "core_sdk", "CoreSDK", std::nullopt, std::nullopt};
+}
+
 using nlohmann::ordered_json;
 
 namespace {

@@ -30,6 +30,10 @@ struct VELMORA_EXPORT UserAction {
     BlipPayload value;
 };
 
+// The library's own events (initialisation, push on and off): version 2.0.0 on the core channel, with no
+// label and no payload.
+VELMORA_EXPORT UserAction coreSdkEvent(std::string action);
+
 struct VELMORA_EXPORT PageView {
     std::string version;
     std::string channel;

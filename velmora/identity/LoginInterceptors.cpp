@@ -37,15 +37,28 @@ Result<platform::URLRequest> LoginRequestInterceptor::intercept(Result<platform:
     return std::move(box->result);
 }
 
-Result<platform::URLRequest> AuthRequestInterceptor::intercept(Result<platform::URLRequest> request,
-                                                               const platform::DispatchGroup&) {
-    const auto token = identityStore_.oauthToken();
+namespace {
+
+Result<platform::URLRequest> withBearer(Result<platform::URLRequest> request,
+                                        const std::optional<std::string>& token) {
     if (!token || request.isError()) {
         return request;
     }
     auto authorised = std::move(request).value();
     authorised.setValue("Bearer " + *token, "Authorization");
     return Result<platform::URLRequest>::success(std::move(authorised));
+}
+
+}  // namespace
+
+Result<platform::URLRequest> AuthRequestInterceptor::intercept(Result<platform::URLRequest> request,
+                                                               const platform::DispatchGroup&) {
+    return withBearer(std::move(request), identityStore_.oauthToken());
+}
+
+Result<platform::URLRequest> BearerTokenInterceptor::intercept(Result<platform::URLRequest> request,
+                                                               const platform::DispatchGroup&) {
+    return withBearer(std::move(request), token_);
 }
 
 }  // namespace velmora

@@ -44,4 +44,18 @@ class VELMORA_EXPORT AuthRequestInterceptor : public RequestInterceptor {
     IdentityStore identityStore_;
 };
 
+// Puts a token read earlier on the request: for work on behalf of a user whose session is being cleared
+// while the request waits for its turn.
+class VELMORA_EXPORT BearerTokenInterceptor : public RequestInterceptor {
+  public:
+    explicit BearerTokenInterceptor(std::string token) : token_(std::move(token)) {}
+
+    Result<platform::URLRequest> intercept(Result<platform::URLRequest> request,
+                                           const platform::DispatchGroup& group) override;
+    std::string description() const override { return "BearerTokenInterceptor"; }
+
+  private:
+    std::string token_;
+};
+
 }  // namespace velmora

@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "velmora/network/NetworkClient.h"
+#include "velmora/network/PendingRequests.h"
 #include "velmora/platform/Fatal.h"
 
 namespace velmora {
@@ -86,7 +87,7 @@ void ExecutorConfig::setExecutor(std::shared_ptr<ExecutorType> executor) {
 }
 
 void ExecutorConfig::perform(const ProviderService& service, TaskCompletion callback) {
-    executor()->perform(service, std::move(callback));
+    executor()->perform(service, PendingRequests::track(std::move(callback)));
 }
 
 }  // namespace velmora

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "velmora/identity/LoginInterceptors.h"
 #include "velmora/network/DefaultInterceptors.h"
 #include "velmora/platform/Format.h"
 #include "velmora/support/CoreLogger.h"
@@ -10,14 +11,6 @@
 namespace velmora {
 
 using nlohmann::json;
-
-namespace {
-
-UserAction pushEvent(const char* action) {
-    return UserAction{"2.0.0", action, "core_sdk", "CoreSDK", std::nullopt, std::nullopt};
-}
-
-}  // namespace
 
 Result<PushRegistrationResponse> PushRegistrationResponse::decode(const Data& data) {
     using R = Result<PushRegistrationResponse>;
@@ -37,7 +30,7 @@ Result<PushRegistrationResponse> PushRegistrationResponse::decode(const Data& da
 }
 
 void PushRegistrationProvider::sendPushEvent(const char* action) const {
-    blipsProvider_.send(pushEvent(action), BlipsGroup::required);
+    blipsProvider_.send(coreSdkEvent(action), BlipsGroup::required);
 }
 
 void PushRegistrationProvider::registerForPush(const std::string& deviceIdentifier, const std::string& locale,
@@ -127,16 +120,33 @@ void PushRegistrationProvider::unregisterForPush() const {
     unregisterForPush(*stored);
 }
 
+ProviderService PushRegistrationProvider::unregistrationService(const std::string& deviceIdentifier) const {
+    auto url = resourceURL(accountDetails_->accountUrl(),
+                           "/api/mobile/push_notification_devices/" + deviceIdentifier + ".json");
+    // Unregistrations are made just before the session is cleared (another user, another account), and
+    // the clearing would win the race against the chain reading the token. So the user's token is read now;
+    // a 401 for it must not clear the stores, which by then belong to the next session.
+    const auto token = IdentityStore(accountDetails_->applicationId()).oauthToken();
+    if (!token) {
+        return makeProviderService(accountDetails_, std::move(url), true, HttpMethod::delete_, {},
+                                   std::nullopt, platform::DispatchQueue::main());
+    }
+    Interceptors interceptors{{std::make_shared<BearerTokenInterceptor>(*token),
+                               std::make_shared<ClientIdentifierInterceptor>(accountDetails_)},
+                              {},
+                              interceptorQueue(),
+                              platform::DispatchGroup()};
+    return ProviderService(accountDetails_, std::move(url), true, HttpMethod::delete_, {}, std::nullopt,
+                           platform::DispatchQueue::main(), std::move(interceptors));
+}
+
 void PushRegistrationProvider::unregisterForPush(const std::string& deviceIdentifier) const {
     // Encoded now, with the time of the request; sent only once the server has let the device go.
-    const auto pushOff = blipsProvider_.convert(pushEvent("PushOff")).data();
-    makeProviderService(accountDetails_,
-                        resourceURL(accountDetails_->accountUrl(),
-                                    "/api/mobile/push_notification_devices/" + deviceIdentifier + ".json"),
-                        true, HttpMethod::delete_, {}, std::nullopt, platform::DispatchQueue::main())
-        .perform([self = *this, pushOff](const std::optional<Data>& data,
-                                         const std::shared_ptr<const platform::HTTPURLResponse>&,
-                                         const std::optional<Error>& error) {
+    const auto pushOff = blipsProvider_.convert(coreSdkEvent("PushOff")).data();
+    unregistrationService(deviceIdentifier)
+        .perform([self = *this, pushOff, deviceIdentifier](
+                     const std::optional<Data>& data, const std::shared_ptr<const platform::HTTPURLResponse>&,
+                     const std::optional<Error>& error) {
             if (error) {
                 CoreLogger::debug(
                     platform::format("Push unregistration failed with %@", error->description()));
@@ -148,7 +158,10 @@ void PushRegistrationProvider::unregisterForPush(const std::string& deviceIdenti
             if (pushOff.isSuccess()) {
                 self.blipsProvider_.sendEncoded(pushOff.value(), BlipsGroup::required);
             }
-            self.tokenManagement_->updatePushToken(std::nullopt);
+            // A registration made meanwhile (a new user's device) is not undone.
+            if (self.tokenManagement_->pushToken() == deviceIdentifier) {
+                self.tokenManagement_->updatePushToken(std::nullopt);
+            }
             CoreLogger::debug("Push unregistration successful");
         });
 }

@@ -9,6 +9,7 @@
 #include "velmora/blips/BlipsProvider.h"
 #include "velmora/core/AccountDetails.h"
 #include "velmora/identity/IdentityStore.h"
+#include "velmora/network/ProviderService.h"
 #include "velmora/platform/Result.h"
 #include "velmora/storage/PushTokenManagement.h"
 
@@ -54,6 +55,7 @@ class VELMORA_EXPORT PushRegistrationProvider : public PushUnregisterProtocol {
     void registerIdentifier(const std::string& identifier, const std::string& locale, bool channel,
                             Callback callback) const;
     void sendPushEvent(const char* action) const;
+    ProviderService unregistrationService(const std::string& deviceIdentifier) const;
 
     std::shared_ptr<const AccountDetails> accountDetails_;
     std::shared_ptr<const UserDetails> userDetails_;

@@ -1,0 +1,283 @@
+#include "velmora/core/Velmora.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <fstream>
+#include <thread>
+
+#include "tests/support/Awaited.h"
+#include "tests/support/LibraryTest.h"
+#include "tests/support/Watchdog.h"
+#include "tools/velmora-mock/AccountServer.h"
+#include "velmora/platform/NotificationCenter.h"
+
+namespace velmora::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using mock::AccountServer;
+using nlohmann::json;
+
+constexpr const char* coldNotice =
+    "[DEBUG]: The details provided during intialization were not previously stored. If this device was "
+    "previously registered for push notficiations using different Velmora SDK application details it is not "
+    "possible to unregister automatically.";
+constexpr const char* wiping = "[DEBUG]: Initialized with a different SDK configuration. Clearing storage.";
+
+class VelmoraTest : public LibraryTest {
+  protected:
+    // What an earlier launch for this account would have left behind.
+    void storePreviousLaunch(const std::string& appId, const std::string& url, bool requiredEvents) {
+        ASSERT_TRUE(AccountStore().store(ApplicationConfiguration(appId, "client", url)).isSuccess());
+        auto settings = AccountServer::defaultSettings();
+        settings["blips"]["permissions"]["required"] = requiredEvents;
+        ASSERT_TRUE(SettingsStore(appId).storeSettings(Data::fromString(settings.dump())));
+        IdentityStore(appId).store(Identity::createAnonymous("Ann", "ann@example.com"));
+        ASSERT_TRUE(SessionStore(appId).store(PropertyValue("old-device"), "pushToken"));
+    }
+    static std::shared_ptr<Velmora> installed() { return Velmora::instance(); }
+    static bool drain() { return Velmora::waitForPendingRequests(10s); }
+    std::filesystem::path makeCacheDirectory() {
+        const auto directory = *installed()->storeModule().cacheDirectory();
+        std::filesystem::create_directories(directory);
+        std::ofstream(directory / "page.html") << "cached";
+        return directory;
+    }
+
+    Watchdog watchdog{60s, "facade test"};
+    AccountServer server;
+};
+
+TEST_F(VelmoraTest, AFirstLaunchWithAnotherAccountStoredWipesRecordsAndSendsNothing) {
+    storePreviousLaunch("other-app", server.url(), true);
+    ASSERT_TRUE(SessionStore("app").store(PropertyValue("stale-device"), "pushToken"));
+    IdentityStore("app").store(Identity::createJwt("stale"));
+    logs->clear();
+
+    Velmora::initialize("app", "client", server.url());
+    ASSERT_TRUE(drain());
+
+    const auto velmora = installed();
+    ASSERT_NE(velmora, nullptr);
+    EXPECT_EQ(velmora->accountDetails().clientId(), "client");
+    EXPECT_TRUE(server.requests().empty()) << "a cold start cannot unregister and has no settings for events";
+    const auto lines = logs->lines();
+    const auto notice = std::find(lines.begin(), lines.end(), coldNotice);
+    ASSERT_NE(notice, lines.end());
+    EXPECT_NE(std::find(notice, lines.end(), wiping), lines.end()) << "the notice comes before the wipe";
+    EXPECT_EQ(SessionStore("app").pushToken(), std::nullopt);
+    EXPECT_EQ(IdentityStore("app").identity(), std::nullopt);
+    EXPECT_TRUE(
+        AccountStore().storedAccount(ApplicationConfiguration("app", "another-client", server.url())));
+}
+
+TEST_F(VelmoraTest, ARelaunchKeepsTheAccountsStateSendsOneInitEventAndARepeatChangesNothing) {
+    storePreviousLaunch("app", server.url(), true);
+    logs->clear();
+
+    Velmora::initialize("app", "client", server.url());
+    const auto first = installed();
+    EXPECT_TRUE(logs->contains("[DEBUG]: Initialized with existing stored details."));
+    EXPECT_FALSE(logs->contains(coldNotice));
+    EXPECT_EQ(first->identity(), Identity::createAnonymous("Ann", "ann@example.com"));
+    EXPECT_EQ(SessionStore("app").pushToken(), "old-device");
+
+    Velmora::initialize("app", "another-client", server.url());
+    EXPECT_TRUE(logs->contains("[DEBUG]: Velmora is already initialized with these Velmora details."));
+    EXPECT_EQ(installed(), first);
+    EXPECT_EQ(installed()->accountDetails().clientId(), "client");
+    ASSERT_TRUE(drain());
+
+    const auto events = server.events("init");
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]["appId"], "app");
+    EXPECT_EQ(events[0]["version"], "2.0.0");
+    EXPECT_EQ(events[0]["channel"], "core_sdk");
+    EXPECT_EQ(events[0]["userAction"]["category"], "CoreSDK");
+    EXPECT_EQ(server.requests().size(), 1u) << "no login, no unregistration";
+}
+
+TEST_F(VelmoraTest, RequiredEventsThatTheSettingsForbidAreNotSent) {
+    storePreviousLaunch("app", server.url(), false);
+    Velmora::initialize("app", "client", server.url());
+    ASSERT_TRUE(drain());
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST_F(VelmoraTest, AWarmSwitchUnregistersThroughTheOldAccountThenWipesAndTheOldInstanceStaysUsable) {
+    AccountServer other;
+    Velmora::initialize("app", "client", server.url());
+    const auto old = installed();
+    old->setIdentity(Identity::createAnonymous("Ann", std::nullopt));
+    Awaited<Result<PushRegistrationResponse>> registered;
+    old->providerModule().push().registerForPush("device-1", "en", registered.callback());
+    ASSERT_TRUE(registered.wait().isSuccess());
+    ASSERT_TRUE(drain());
+    server.clearRequests();
+    logs->clear();
+
+    Velmora::initialize("app-2", "client-2", other.url());
+    ASSERT_TRUE(drain());
+
+    const auto deleted = server.requests("DELETE", "/api/mobile/push_notification_devices/device-1.json");
+    ASSERT_EQ(deleted.size(), 1u);
+    EXPECT_EQ(deleted[0].header("Authorization"), "Bearer token-1") << "the old user's token";
+    EXPECT_TRUE(server.requests("POST", "/access/sdk/anonymous").empty());
+    EXPECT_TRUE(other.requests().empty());
+    const auto lines = logs->lines();
+    const auto unregistering =
+        std::find(lines.begin(), lines.end(), "[DEBUG]: Automatically unregistering for push.");
+    ASSERT_NE(unregistering, lines.end());
+    EXPECT_NE(std::find(unregistering, lines.end(), wiping), lines.end());
+    EXPECT_FALSE(logs->contains(coldNotice));
+    EXPECT_TRUE(logs->contains("[DEBUG]: Push unregistration successful"));
+    EXPECT_EQ(SessionStore("app").pushToken(), std::nullopt);
+
+    EXPECT_NE(installed(), old);
+    EXPECT_EQ(installed()->accountDetails().applicationId(), "app-2");
+    EXPECT_EQ(old->accountDetails().applicationId(), "app");
+    // Still usable by whoever holds it, though the wipe took the identities of every app id with it.
+    Awaited<Result<User>> user;
+    old->providerModule().user().getUser(user.callback());
+    EXPECT_EQ(user.wait().error().code(), 100);
+}
+
+TEST_F(VelmoraTest, ASwitchWithoutAPushTokenSendsNothingAndLogsNothingAboutPush) {
+    Velmora::initialize("app", "client", server.url());
+    logs->clear();
+    Velmora::initialize("app", "client", server.url() + "/eu");
+    ASSERT_TRUE(drain());
+    EXPECT_TRUE(server.requests().empty());
+    EXPECT_FALSE(logs->contains("[DEBUG]: Automatically unregistering for push."));
+    EXPECT_TRUE(logs->contains(wiping));
+}
+
+TEST_F(VelmoraTest, SettingTheSameIdentityKeepsTheSessionAndAnotherOneClearsIt) {
+    Velmora::initialize("app", "client", server.url());
+    const auto velmora = installed();
+    logs->clear();
+    velmora->setIdentity(Identity::createJwt("jwt-1"));
+    EXPECT_TRUE(logs->contains("[ERROR]: Couldn't retrieve identity from storage."));
+    EXPECT_TRUE(server.requests().empty()) << "login is lazy";
+
+    Awaited<Result<PushRegistrationResponse>> registered;
+    velmora->providerModule().push().registerForPush("device-1", "en", registered.callback());
+    ASSERT_TRUE(registered.wait().isSuccess());
+    const auto cache = makeCacheDirectory();
+    const auto& identityStore = IdentityStore("app");
+    ASSERT_TRUE(identityStore.oauthToken().has_value());
+
+    velmora->setIdentity(Identity::createJwt("jwt-1"));
+    EXPECT_TRUE(logs->contains("[DEBUG]: This identity is currently set."));
+    EXPECT_TRUE(identityStore.oauthToken().has_value());
+    EXPECT_EQ(SessionStore("app").pushToken(), "device-1");
+    EXPECT_TRUE(std::filesystem::exists(cache / "page.html"));
+
+    velmora->setIdentity(Identity::createAnonymous("Bo", std::nullopt));
+    EXPECT_EQ(identityStore.oauthToken(), std::nullopt);
+    EXPECT_EQ(SessionStore("app").pushToken(), std::nullopt);
+    EXPECT_FALSE(std::filesystem::exists(cache));
+    EXPECT_EQ(velmora->identity()->anonymous()->name, "Bo");
+    EXPECT_EQ(velmora->identity()->anonymous()->guid, identityStore.guid());
+    ASSERT_TRUE(drain());
+    const auto deleted = server.requests("DELETE", "/api/mobile/push_notification_devices/device-1.json");
+    ASSERT_EQ(deleted.size(), 1u);
+    EXPECT_EQ(deleted[0].header("Authorization"), "Bearer token-1") << "on behalf of the user who registered";
+    EXPECT_EQ(server.requests("POST", "/access/sdk/jwt").size(), 1u) << "no login for the next user yet";
+}
+
+TEST_F(VelmoraTest, TheBridgeConvertsBothWaysAndRefusesForeignClasses) {
+    Velmora::initialize("app", "client", server.url());
+    const auto velmora = installed();
+    EXPECT_EQ(velmora->objCIdentity(), nullptr);
+
+    velmora->setIdentity(VMKObjCAnonymous(std::nullopt, std::nullopt));
+    EXPECT_EQ(velmora->identity(), Identity::createAnonymous());
+
+    velmora->setIdentity(VMKObjCJwt("jwt-1"));
+    const auto jwt = std::dynamic_pointer_cast<VMKObjCJwt>(velmora->objCIdentity());
+    ASSERT_NE(jwt, nullptr);
+    EXPECT_EQ(jwt->token(), "jwt-1");
+    EXPECT_NE(velmora->objCIdentity(), velmora->objCIdentity());
+
+    velmora->setIdentity(VMKObjCAnonymous("Ann", "ann@example.com"));
+    const auto anonymous = std::dynamic_pointer_cast<VMKObjCAnonymous>(velmora->objCIdentity());
+    ASSERT_NE(anonymous, nullptr);
+    EXPECT_EQ(anonymous->name(), "Ann");
+    EXPECT_EQ(anonymous->email(), "ann@example.com");
+    EXPECT_EQ(anonymous->guid(), IdentityStore("app").guid());
+    ASSERT_TRUE(anonymous->guid().has_value());
+    const auto updated = anonymous->update("new@example.com");
+    EXPECT_EQ(updated->name(), "Ann");
+    EXPECT_EQ(updated->email(), "new@example.com");
+    EXPECT_EQ(updated->guid(), std::nullopt);
+    EXPECT_EQ(anonymous->email(), "ann@example.com");
+
+    class HostIdentity : public VMKObjCIdentity {};
+    logs->clear();
+    velmora->setIdentity(HostIdentity());
+    EXPECT_EQ(logs->lines(),
+              (std::vector<std::string>{"[ERROR]: Can't change identity The operation couldn\u2019t "
+                                        "be completed. (VelmoraCoreSDK.ObjCIdentityError error 0.)"}));
+    EXPECT_EQ(velmora->identity(), Identity::createAnonymous("Ann", "ann@example.com"));
+}
+
+TEST_F(VelmoraTest, ReadingTheInstanceBeforeInitializeIsLoggedAndNotifiedEveryTime) {
+    std::vector<platform::Notification> received;
+    const auto token = platform::NotificationCenter::defaultCenter().addObserver(
+        std::string(velmoraNotInitialised), [&](const platform::Notification& n) { received.push_back(n); });
+    const std::string text =
+        "Can't use withtout initialization, call Velmora `class initialize(appId:clientId:velmoraUrl:)`";
+
+    EXPECT_EQ(Velmora::instance(), nullptr);
+    EXPECT_EQ(Velmora::instance(), nullptr);
+    platform::NotificationCenter::defaultCenter().removeObserver(token);
+
+    EXPECT_EQ(logs->count("[ERROR]: " + text), 2u);
+    ASSERT_EQ(received.size(), 2u);
+    EXPECT_EQ(received[0].userInfo, json({{"NSLocalizedDescription", text}}));
+    EXPECT_FALSE(received[0].object.has_value());
+
+    Velmora::initialize("app", "client", server.url());
+    EXPECT_EQ(logs->count("[ERROR]: " + text), 2u) << "initialize itself never reads an empty instance";
+}
+
+TEST_F(VelmoraTest, InstancesCanBeReadWhileOtherThreadsSwitchAccounts) {
+    Velmora::initialize("app-0", "client", server.url());
+    std::atomic<bool> done{false};
+    std::atomic<int> reads{0};
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 2; ++i) {
+        readers.emplace_back([&] {
+            while (!done) {
+                const auto velmora = Velmora::instance();
+                EXPECT_TRUE(velmora->accountDetails().applicationId().starts_with("app-"));
+                velmora->setActionHandlerRegistry(velmora->actionHandlerRegistry());
+                ++reads;
+            }
+        });
+    }
+    std::vector<std::thread> switchers;
+    for (int t = 0; t < 2; ++t) {
+        switchers.emplace_back([&, t] {
+            for (int i = 0; i < 10; ++i) {
+                Velmora::initialize("app-" + std::to_string(t * 10 + i), "client", server.url());
+            }
+        });
+    }
+    for (auto& thread : switchers) {
+        thread.join();
+    }
+    done = true;
+    for (auto& thread : readers) {
+        thread.join();
+    }
+    EXPECT_GT(reads.load(), 0);
+    const auto last = installed();
+    EXPECT_TRUE(AccountStore().storedAccount(last->accountDetails()))
+        << "the installed instance is the account last recorded";
+}
+
+}  // namespace
+}  // namespace velmora::testing

@@ -1,0 +1,10 @@
+#pragma once
+
+// Everything a host application needs: the facade and its providers, the identity types, the logger and the
+// executor switch.
+#include "velmora/core/Velmora.h"
+#include "velmora/identity/Identity.h"
+#include "velmora/identity/ObjCIdentity.h"
+#include "velmora/network/ProviderService.h"
+#include "velmora/platform/Environment.h"
+#include "velmora/support/CoreLogger.h"

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+
+#include "velmora/Export.h"
+#include "velmora/core/AccountDetails.h"
+#include "velmora/core/Providers.h"
+#include "velmora/storage/Stores.h"
+
+namespace velmora {
+
+class Velmora;
+
+// Decides on each initialize whether a new instance is built.
+class VELMORA_EXPORT InitialisationStrategy {
+  public:
+    virtual ~InitialisationStrategy() = default;
+    virtual std::shared_ptr<Velmora> initialise(const std::shared_ptr<const AccountDetails>& details,
+                                                std::shared_ptr<const Stores> stores,
+                                                std::shared_ptr<const Providers> providers) const = 0;
+};
+
+// The process's first initialize: always a new instance.
+class VELMORA_EXPORT ColdInitialisationStrategy : public InitialisationStrategy {
+  public:
+    std::shared_ptr<Velmora> initialise(const std::shared_ptr<const AccountDetails>& details,
+                                        std::shared_ptr<const Stores> stores,
+                                        std::shared_ptr<const Providers> providers) const override;
+};
+
+// A repeat: nothing when the recorded account is this one, else a new instance.
+class VELMORA_EXPORT WarmInitialisationStrategy : public InitialisationStrategy {
+  public:
+    std::shared_ptr<Velmora> initialise(const std::shared_ptr<const AccountDetails>& details,
+                                        std::shared_ptr<const Stores> stores,
+                                        std::shared_ptr<const Providers> providers) const override;
+};
+
+}  // namespace velmora

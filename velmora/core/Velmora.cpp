@@ -1,0 +1,173 @@
+#include "velmora/core/Velmora.h"
+
+#include "velmora/core/AccountStorageStrategy.h"
+#include "velmora/core/InitialisationStrategy.h"
+#include "velmora/identity/LegacyIdentityMigrator.h"
+#include "velmora/network/PendingRequests.h"
+#include "velmora/platform/NotificationCenter.h"
+#include "velmora/support/CoreLogger.h"
+
+namespace velmora {
+
+namespace {
+
+// Serialises whole initialisations; the instance itself has a lock of its own so that reading it never
+// waits for one (a log sink may read it while initialize is logging).
+std::mutex& initializeMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
+std::mutex& instanceMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+
+std::shared_ptr<Velmora>& installedInstance() {
+    static std::shared_ptr<Velmora> instance;
+    return instance;
+}
+
+std::shared_ptr<Velmora> currentInstance() {
+    std::lock_guard lock(instanceMutex());
+    return installedInstance();
+}
+
+void install(std::shared_ptr<Velmora> instance) {
+    std::shared_ptr<Velmora> previous;
+    {
+        std::lock_guard lock(instanceMutex());
+        previous = std::exchange(installedInstance(), std::move(instance));
+    }
+    // The previous instance is released here, outside the lock, should this be its last owner.
+}
+
+}  // namespace
+
+void Velmora::initialize(const std::string& appId, const std::string& clientId,
+                         const std::string& velmoraUrl) {
+    std::lock_guard serialised(initializeMutex());
+
+    auto stores = std::make_shared<const Stores>(appId);
+    auto details = std::make_shared<const ApplicationConfiguration>(appId, clientId, velmoraUrl);
+    auto tokenManagement = std::make_shared<const SessionStore>(appId);
+    auto providers = std::make_shared<const Providers>(details, std::make_shared<const IdentityStore>(appId),
+                                                       tokenManagement);
+
+    const auto previous = currentInstance();
+    std::unique_ptr<InitialisationStrategy> strategy;
+    if (previous) {
+        strategy = std::make_unique<WarmInitialisationStrategy>();
+    } else {
+        strategy = std::make_unique<ColdInitialisationStrategy>();
+    }
+    auto velmora = strategy->initialise(details, stores, providers);
+    if (!velmora) {
+        CoreLogger::debug("Velmora is already initialized with these Velmora details.");
+        return;
+    }
+
+    // Before anything is wiped, while the old account's push token can still be read.
+    DeviceUnregistrationManager::strategy(previous.get(), details, tokenManagement, providers->sharedPush(),
+                                          std::make_shared<const AccountStore>())
+        ->unregisterDevice();
+
+    if (AccountStore().storedAccount(*details)) {
+        ExistingAccountStorageStrategy(details, stores).execute();
+    } else {
+        NewAccountStorageStrategy(details, stores).execute();
+    }
+
+    install(velmora);
+    velmora->providers_->blip().send(coreSdkEvent("init"), BlipsGroup::required);
+}
+
+std::shared_ptr<Velmora> Velmora::instance() {
+    if (auto installed = currentInstance()) {
+        return installed;
+    }
+    static constexpr const char* message =
+        "Can't use withtout initialization, call Velmora `class initialize(appId:clientId:velmoraUrl:)`";
+    CoreLogger::error(message);
+    platform::NotificationCenter::defaultCenter().post(
+        std::string(velmoraNotInitialised), {},
+        nlohmann::json{{std::string(Error::localizedDescriptionKey), message}});
+    return nullptr;
+}
+
+bool Velmora::waitForPendingRequests(std::chrono::milliseconds timeout) {
+    return PendingRequests::waitUntilDrained(timeout);
+}
+
+Velmora::Velmora(const AccountDetails& accountDetails, std::shared_ptr<const Stores> stores,
+                 std::shared_ptr<const Providers> providers)
+    : stores_(std::move(stores)),
+      providers_(std::move(providers)),
+      application_(std::make_shared<const ApplicationConfiguration>(
+          accountDetails.applicationId(), accountDetails.clientId(), accountDetails.accountUrl())) {}
+
+std::optional<Identity> Velmora::identity() const {
+    const auto& store = stores_->identityStore();
+    auto stored = store.identity();
+    if (!stored) {
+        CoreLogger::error("Couldn't retrieve identity from storage.");
+        return std::nullopt;
+    }
+    if (const auto* anonymous = stored->anonymous()) {
+        auto current = *anonymous;
+        current.guid = store.guid();
+        return Identity(std::move(current));
+    }
+    return stored;
+}
+
+void Velmora::setIdentity(const Identity& identity) const {
+    std::lock_guard serialised(identityMutex_);
+    const auto& identityStore = stores_->identityStore();
+    if (LegacyIdentityMigrator(*application_, identity).checkedAndMigratedIdentity()) {
+        identityStore.storeIdentityOnly(identity);
+        return;
+    }
+    if (const auto current = this->identity(); current && *current == identity) {
+        CoreLogger::debug("This identity is currently set.");
+        return;
+    }
+    if (const auto pushToken = stores_->sessionStore().pushToken()) {
+        providers_->push().unregisterForPush(*pushToken);
+    }
+    stores_->clearSession();
+    identityStore.store(identity);
+}
+
+void Velmora::setIdentity(const VMKObjCIdentity& identity) const {
+    auto unwrapped = identity.unwrap();
+    if (unwrapped.isError()) {
+        CoreLogger::error("Can't change identity " + unwrapped.error().localizedDescription());
+        return;
+    }
+    setIdentity(unwrapped.value());
+}
+
+std::shared_ptr<VMKObjCIdentity> Velmora::objCIdentity() const {
+    const auto current = identity();
+    return current ? makeObjCIdentity(*current) : nullptr;
+}
+
+CorePushUnregistrationContext Velmora::pushContext() const {
+    // Aliasing pointers: the context keeps this instance's stores and providers alive while it is used.
+    return CorePushUnregistrationContext(
+        std::shared_ptr<const PushTokenManagement>(stores_, &stores_->sessionStore()),
+        providers_->sharedPush(), std::make_shared<const AccountStore>());
+}
+
+ActionHandlerRegistry Velmora::actionHandlerRegistry() const {
+    std::lock_guard lock(registryMutex_);
+    return actionHandlerRegistry_;
+}
+
+void Velmora::setActionHandlerRegistry(ActionHandlerRegistry registry) {
+    std::lock_guard lock(registryMutex_);
+    actionHandlerRegistry_ = std::move(registry);
+}
+
+}  // namespace velmora

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "velmora/Export.h"
+#include "velmora/core/AccountDetails.h"
+#include "velmora/core/DeviceUnregistration.h"
+#include "velmora/core/Providers.h"
+#include "velmora/identity/Identity.h"
+#include "velmora/identity/ObjCIdentity.h"
+#include "velmora/storage/Stores.h"
+#include "velmora/support/ActionHandlerRegistry.h"
+
+namespace velmora {
+
+// Posted on the default notification center on every read of the instance before initialize; the user info
+// carries the error text under the localized-description key.
+inline constexpr std::string_view velmoraNotInitialised = "velmoraNotInitialised";
+
+// The library for one account: its stores, its providers and the end user's identity. One instance is
+// installed at a time; a replaced one stays usable for as long as someone holds it. Nothing here throws:
+// failures are logged and the operation ends without change.
+class VELMORA_EXPORT Velmora : public PushUnregistrationContextProvider {
+  public:
+    // Builds the library for the account and installs it, unless the installed instance already serves the
+    // same account (account URL and app id; the client id takes no part). A change of account unregisters
+    // the old account's push token, then wipes storage. Safe from any thread; calls are serialised.
+    static void initialize(const std::string& appId, const std::string& clientId,
+                           const std::string& velmoraUrl);
+
+    // The installed instance; empty before initialize, which is logged and notified on every such read.
+    static std::shared_ptr<Velmora> instance();
+
+    // Waits until every request handed to the library so far, fire-and-forget ones (events,
+    // unregistrations) included, has completed and its callback has run. Hosts call it before they exit.
+    // False when the time-out passed first. Never call it from the main queue: callbacks arrive there.
+    static bool waitForPendingRequests(std::chrono::milliseconds timeout);
+
+    Velmora(const AccountDetails& accountDetails, std::shared_ptr<const Stores> stores,
+            std::shared_ptr<const Providers> providers);
+
+    // The stored identity; an anonymous one carries the store's current GUID.
+    std::optional<Identity> identity() const;
+    // Another user clears the old one's session (token, push registration, cache directory) first. No
+    // request is made: login happens with the first request that needs it.
+    void setIdentity(const Identity& identity) const;
+    void setIdentity(const VMKObjCIdentity& identity) const;
+    std::shared_ptr<VMKObjCIdentity> objCIdentity() const;
+
+    CorePushUnregistrationContext pushContext() const override;
+
+    const StoreModule& storeModule() const { return *stores_; }
+    const ProviderModule& providerModule() const { return *providers_; }
+    const AccountDetails& accountDetails() const { return *application_; }
+
+    // A copy; changes take effect when written back.
+    ActionHandlerRegistry actionHandlerRegistry() const;
+    void setActionHandlerRegistry(ActionHandlerRegistry registry);
+
+  private:
+    std::shared_ptr<const Stores> stores_;
+    std::shared_ptr<const Providers> providers_;
+    std::shared_ptr<const ApplicationConfiguration> application_;
+
+    mutable std::mutex identityMutex_;
+    mutable std::mutex registryMutex_;
+    ActionHandlerRegistry actionHandlerRegistry_;
+};
+
+}  // namespace velmora
