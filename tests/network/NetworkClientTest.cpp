@@ -10,6 +10,7 @@
 #include "tests/support/LibraryTest.h"
 #include "tests/support/Watchdog.h"
 #include "tools/velmora-mock/AccountServer.h"
+#include "velmora/network/PendingRequests.h"
 #include "velmora/platform/DeviceFacts.h"
 
 namespace velmora::testing {
@@ -239,6 +240,43 @@ TEST_F(NetworkClientTest, ReplacingTheExecutorDivertsEveryPerform) {
     EXPECT_EQ(second.wait().data->toString(), "diverted");
     EXPECT_EQ(diverting->paths, (std::vector<std::string>{server.url() + "/one", server.url() + "/two"}));
     EXPECT_TRUE(server.requests().empty());
+}
+
+TEST_F(NetworkClientTest, PendingRequestsEndWithTheirCompletionOrWhenAnExecutorDropsThem) {
+    struct Holding : ExecutorType {
+        void perform(const ProviderService&, TaskCompletion callback) override { held.push_back(callback); }
+        std::vector<TaskCompletion> held;
+    };
+    const auto holding = std::make_shared<Holding>();
+    ExecutorConfig::setExecutor(holding);
+    int completions = 0;
+    for (int i = 0; i < 3; ++i) {
+        service("/held").perform([&](auto&&...) { ++completions; });
+    }
+    EXPECT_EQ(PendingRequests::count(), 3u);
+    EXPECT_FALSE(PendingRequests::waitUntilDrained(std::chrono::milliseconds(20)));
+
+    holding->held[0](std::nullopt, nullptr, std::nullopt);
+    holding->held[0](std::nullopt, nullptr, std::nullopt);
+    EXPECT_EQ(PendingRequests::count(), 2u) << "a completion called twice counts once";
+    holding->held.erase(holding->held.begin() + 1);
+    EXPECT_EQ(PendingRequests::count(), 1u) << "a dropped completion no longer counts";
+    holding->held.clear();
+    EXPECT_TRUE(PendingRequests::waitUntilDrained(std::chrono::milliseconds(0)));
+    EXPECT_EQ(completions, 2);
+
+    ExecutorConfig::setExecutor(holding);
+    service("/held").perform([](auto&&...) {});
+    Completion refused;
+    bool drained = true;
+    platform::DispatchQueue::main().async([&] {
+        drained = PendingRequests::waitUntilDrained(std::chrono::seconds(5));
+        refused.handler()(std::nullopt, nullptr, std::nullopt);
+    });
+    refused.wait();
+    EXPECT_FALSE(drained) << "the main queue would wait for itself";
+    EXPECT_TRUE(logs->contains(
+        "[ERROR]: Waiting for pending requests on the main queue would block their completions."));
 }
 
 TEST_F(NetworkClientTest, AnInvalidatedSessionIsLoggedAsAnOptional) {

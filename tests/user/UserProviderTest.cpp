@@ -99,6 +99,22 @@ TEST(UserRecordsTest, FieldDefinitionsDecodeStrictlyAsAWhole) {
                      .custom_field_options);
 }
 
+TEST(UserRecordsTest, RecordsWriteTheAccountsFormBack) {
+    const auto fieldJson = field("plan");
+    EXPECT_EQ(UserField::fromJson(fieldJson).value().toJson(), fieldJson);
+    auto noOptions = field("f");
+    noOptions.erase("custom_field_options");
+    EXPECT_EQ(UserField::fromJson(noOptions).value().toJson(), noOptions);
+
+    const json user = {{"id", 42},
+                       {"name", "Ann"},
+                       {"agent", false},
+                       {"tags", {"a", "b c"}},
+                       {"user_fields", {{"plan", "gold"}}},
+                       {"photo", {{"content_url", "https://p"}}}};
+    EXPECT_EQ(User::fromJson(user).toJson(), user);
+}
+
 TEST(UserRecordsTest, TagQueriesUseTheUrlHostCharacters) {
     EXPECT_EQ(tagQuery({}), "");
     EXPECT_EQ(tagQuery({"vip", "a b", "c,d", "caf\u00e9", "50%"}), "vip,a%20b,c,d,caf%C3%A9,50%25");

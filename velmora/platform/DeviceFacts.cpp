@@ -1,12 +1,17 @@
 #include "velmora/platform/DeviceFacts.h"
 
+#include <fcntl.h>
 #include <sys/utsname.h>
 #include <unistd.h>
+
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <mutex>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <sstream>
 
@@ -23,13 +28,42 @@ utsname systemNames() {
     return names;
 }
 
+// Small kernel-generated files: read with plain system calls, which cost a fraction of a stream's set-up and
+// matter because every analytics event reads them.
 std::optional<std::string> readFirstLine(const std::filesystem::path& path) {
-    std::ifstream in(path);
-    std::string line;
-    if (!in || !std::getline(in, line)) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
         return std::nullopt;
     }
-    return line;
+    char buffer[256];
+    const ssize_t length = ::read(fd, buffer, sizeof buffer - 1);
+    ::close(fd);
+    if (length <= 0) {
+        return std::nullopt;
+    }
+    std::string_view text(buffer, static_cast<std::size_t>(length));
+    return std::string(text.substr(0, text.find('\n')));
+}
+
+// Which power supplies are batteries changes only when one is plugged in, so the directory is scanned at most
+// once a minute; the charge itself is read every time.
+std::vector<std::filesystem::path> batteryCapacityFiles() {
+    static std::mutex mutex;
+    static std::vector<std::filesystem::path> files;
+    static std::optional<std::chrono::steady_clock::time_point> scanned;
+    std::lock_guard lock(mutex);
+    const auto now = std::chrono::steady_clock::now();
+    if (!scanned || now - *scanned > std::chrono::minutes(1)) {
+        files.clear();
+        std::error_code error;
+        for (const auto& entry : std::filesystem::directory_iterator("/sys/class/power_supply", error)) {
+            if (readFirstLine(entry.path() / "type") == "Battery") {
+                files.push_back(entry.path() / "capacity");
+            }
+        }
+        scanned = now;
+    }
+    return files;
 }
 
 }  // namespace
@@ -56,11 +90,31 @@ std::string LinuxDeviceFacts::machineIdentifier() const {
 }
 
 std::optional<std::uint64_t> LinuxDeviceFacts::residentMemoryBytes() const {
-    // statm's second field: resident pages.
-    std::ifstream in("/proc/self/statm");
+    // statm's second field: resident pages. Looking the file up costs more than generating it, so the file
+    // stays open (per process: a forked child must not read its parent's) and is read again from the start.
+    static std::mutex mutex;
+    static int fd = -1;
+    static pid_t owner = 0;
+    char buffer[128];
+    ssize_t length = -1;
+    {
+        std::lock_guard lock(mutex);
+        if (fd < 0 || owner != ::getpid()) {
+            if (fd >= 0) {
+                ::close(fd);
+            }
+            fd = ::open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
+            owner = ::getpid();
+        }
+        length = fd < 0 ? -1 : ::pread(fd, buffer, sizeof buffer - 1, 0);
+    }
     std::uint64_t size = 0;
     std::uint64_t resident = 0;
-    if (!(in >> size >> resident)) {
+    if (length <= 0) {
+        return std::nullopt;
+    }
+    buffer[length] = '\0';
+    if (std::sscanf(buffer, "%" SCNu64 " %" SCNu64, &size, &resident) != 2) {
         return std::nullopt;
     }
     const long page = sysconf(_SC_PAGESIZE);
@@ -77,12 +131,8 @@ std::optional<std::uint64_t> LinuxDeviceFacts::physicalMemoryBytes() const {
 }
 
 std::optional<double> LinuxDeviceFacts::batteryLevel() const {
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/power_supply", error)) {
-        if (readFirstLine(entry.path() / "type") != "Battery") {
-            continue;
-        }
-        const auto capacity = readFirstLine(entry.path() / "capacity");
+    for (const auto& file : batteryCapacityFiles()) {
+        const auto capacity = readFirstLine(file);
         if (!capacity) {
             continue;
         }

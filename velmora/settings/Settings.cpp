@@ -52,6 +52,24 @@ Result<CoreSettings> CoreSettings::fromJson(const json& document) {
     return R::success(settings);
 }
 
+json CoreSettings::toJson() const {
+    json authenticationText = nullptr;
+    if (authentication) {
+        authenticationText = *authentication == AuthenticationType::jwt ? "jwt" : "anonymous";
+    }
+    return json{{"identifier", identifier ? json(*identifier) : json(nullptr)},
+                {"authentication", authenticationText},
+                {"brand_id", brandId},
+                {"updated_at", DateStringParser::withoutMilliseconds().string(updatedAt)}};
+}
+
+json BlipsSettings::toJson() const {
+    return json{{"permissions",
+                 {{"required", permissions.required},
+                  {"trailmark", permissions.trailmark},
+                  {"behavioural", permissions.behavioural}}}};
+}
+
 std::string CoreSettings::description() const {
     const char* auth = !authentication                              ? "nil"
                        : *authentication == AuthenticationType::jwt ? "jwt"

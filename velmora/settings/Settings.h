@@ -32,6 +32,8 @@ struct VELMORA_EXPORT CoreSettings {
     static CoreSettings defaultValue() { return {}; }
     // Strict: a missing required key or a wrong type fails the whole view.
     static Result<CoreSettings> fromJson(const nlohmann::json& document);
+    // The "core" section as the account sends it.
+    nlohmann::json toJson() const;
     std::string description() const;
 
     friend bool operator==(const CoreSettings&, const CoreSettings&) = default;
@@ -53,6 +55,8 @@ struct VELMORA_EXPORT BlipsSettings {
 
     static BlipsSettings defaultValue() { return {}; }
     static Result<BlipsSettings> fromJson(const nlohmann::json& document);
+    // The "blips" section as the account sends it.
+    nlohmann::json toJson() const;
 
     friend bool operator==(const BlipsSettings&, const BlipsSettings&) = default;
 };

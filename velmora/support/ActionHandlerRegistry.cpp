@@ -13,7 +13,8 @@ void ActionHandlerRegistry::add(std::shared_ptr<ActionHandler> actionHandler) {
 
 void ActionHandlerRegistry::remove(const ActionHandler& actionHandler) {
     std::erase_if(registry_, [&](const std::shared_ptr<ActionHandler>& registered) {
-        return typeid(*registered) == typeid(actionHandler) && registered->isEqual(actionHandler);
+        const ActionHandler& candidate = *registered;
+        return typeid(candidate) == typeid(actionHandler) && candidate.isEqual(actionHandler);
     });
 }
 

@@ -141,6 +141,55 @@ User User::fromJson(const json& object) {
     return user;
 }
 
+namespace {
+
+// Ids are kept as the decimal text of the account's integers; they go back out as integers.
+json integerOrText(const std::string& text) {
+    const auto parsed = json::parse(text, nullptr, false);
+    return parsed.is_number_integer() ? parsed : json(text);
+}
+
+}  // namespace
+
+json User::toJson() const {
+    return json{{"id", integerOrText(id)},
+                {"name", name},
+                {"agent", agent},
+                {"tags", tags},
+                {"user_fields", user_fields},
+                {"photo", {{"content_url", content_url}}}};
+}
+
+json UserFieldOption::toJson() const {
+    return json{{"id", integerOrText(id)}, {"name", name},   {"raw_name", raw_name},
+                {"url", url},              {"value", value}, {"position", position}};
+}
+
+json UserField::toJson() const {
+    const auto& dates = DateStringParser::withoutMilliseconds();
+    json object{{"id", integerOrText(id)},
+                {"url", url},
+                {"key", key},
+                {"type", fieldType()},
+                {"title", title},
+                {"raw_title", raw_title},
+                {"description", fieldDescription},
+                {"raw_description", raw_description},
+                {"position", position},
+                {"active", active},
+                {"system", system},
+                {"regexp_for_validation", regexp_for_validation},
+                {"created_at", dates.string(created_at)},
+                {"updated_at", dates.string(updated_at)}};
+    if (custom_field_options) {
+        object["custom_field_options"] = json::array();
+        for (const auto& option : *custom_field_options) {
+            object["custom_field_options"].push_back(option.toJson());
+        }
+    }
+    return object;
+}
+
 std::string UserField::fieldType() const {
     return fieldTypes[static_cast<int>(type)];
 }

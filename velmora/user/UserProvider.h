@@ -31,6 +31,8 @@ struct VELMORA_EXPORT User {
     std::string content_url;  // "photo"."content_url"
 
     static User fromJson(const nlohmann::json& json);
+    // The account's form, which fromJson reads back: "id" an integer, "content_url" under "photo".
+    nlohmann::json toJson() const;
 };
 
 struct VELMORA_EXPORT UserFieldOption {
@@ -40,6 +42,8 @@ struct VELMORA_EXPORT UserFieldOption {
     std::string url;
     std::string value;
     std::int64_t position = 0;
+
+    nlohmann::json toJson() const;
 };
 
 // One custom user field of the account. Decoded strictly: a missing or mistyped member fails the whole list.
@@ -64,6 +68,8 @@ struct VELMORA_EXPORT UserField {
 
     std::string fieldType() const;
     static Result<UserField> fromJson(const nlohmann::json& json);
+    // The account's form, which fromJson reads back.
+    nlohmann::json toJson() const;
 };
 
 // Decoders of the answers' envelopes, {"user": {...}} and {"user_fields": [...]}.

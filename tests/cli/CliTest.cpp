@@ -1,0 +1,172 @@
+// The command-line host and the example, run as separate processes the way a user runs them.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "tests/support/LibraryTest.h"
+#include "tests/support/Watchdog.h"
+#include "tools/velmora-mock/AccountServer.h"
+
+extern char** environ;
+
+namespace velmora::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using mock::AccountServer;
+using nlohmann::json;
+
+struct ProcessRun {
+    int exitCode = -1;
+    std::string out;
+    std::string err;
+    json outJson() const { return json::parse(out, nullptr, false); }
+    json errJson() const { return json::parse(err, nullptr, false); }
+};
+
+std::string slurp(const std::filesystem::path& file) {
+    std::ifstream in(file);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+ProcessRun runProgram(const std::filesystem::path& directory, std::vector<std::string> arguments) {
+    const auto outFile = directory / "stdout";
+    const auto errFile = directory / "stderr";
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    std::vector<char*> argv;
+    for (auto& argument : arguments) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    ProcessRun run;
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
+        int status = 0;
+        waitpid(pid, &status, 0);
+        run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    run.out = slurp(outFile);
+    run.err = slurp(errFile);
+    return run;
+}
+
+class CliTest : public LibraryTest {
+  protected:
+    // One launch of the host app for the account on `server`, with its state in this test's directories.
+    ProcessRun velmora(std::vector<std::string> command, std::vector<std::string> options = {}) {
+        std::vector<std::string> arguments{VELMORA_CLI_PATH,
+                                           "--app-id",
+                                           "app",
+                                           "--client-id",
+                                           "client",
+                                           "--url",
+                                           server.url(),
+                                           "--data-dir",
+                                           (root / "cli-data").string(),
+                                           "--cache-dir",
+                                           (root / "cli-cache").string()};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        arguments.insert(arguments.end(), command.begin(), command.end());
+        return runProgram(root, std::move(arguments));
+    }
+
+    Watchdog watchdog{90s, "command-line test"};
+    AccountServer server;
+};
+
+TEST_F(CliTest, StateCarriesOverBetweenLaunchesAndLoginHappensOnce) {
+    const auto set = velmora({"identity", "anonymous", "--name", "Ann", "--email", "ann@example.com"});
+    ASSERT_EQ(set.exitCode, 0) << set.err;
+    EXPECT_EQ(set.outJson(), json::object());
+    EXPECT_TRUE(server.requests().empty()) << "login is lazy";
+
+    const auto shown = velmora({"identity", "show"});
+    EXPECT_EQ(shown.outJson()["anonymous"]["name"], "Ann");
+    EXPECT_TRUE(shown.outJson()["anonymous"]["guid"].is_string());
+
+    const auto first = velmora({"user", "get"});
+    ASSERT_EQ(first.exitCode, 0) << first.err;
+    EXPECT_EQ(first.outJson()["name"], "Ann");
+    EXPECT_TRUE(first.outJson()["id"].is_number_integer());
+
+    const auto tagged = velmora({"user", "tags", "add", "vip", "big spender"});
+    EXPECT_EQ(tagged.outJson()["tags"], json({"vip", "big spender"}));
+    const auto fields = velmora({"user", "fields", "set", "plan=gold", "seats=3", "note={\"a\""});
+    EXPECT_EQ(fields.outJson()["user_fields"], json({{"plan", "gold"}, {"seats", "3"}, {"note", "{\"a\""}}));
+    EXPECT_EQ(server.requests("POST", "/access/sdk/anonymous").size(), 1u) << "the token was kept";
+
+    const auto registered = velmora({"push", "register", "device-1", "--locale", "fr"});
+    EXPECT_EQ(registered.outJson(), json({{"identifier", "device-1"}}));
+    EXPECT_EQ(velmora({"push", "register", "device-1"}).outJson(), json({{"identifier", "device-1"}}));
+    EXPECT_EQ(server.requests("POST", "/api/mobile/push_notification_devices.json").size(), 1u);
+    EXPECT_EQ(velmora({"settings", "blips"}).outJson()["permissions"]["required"], true);
+}
+
+TEST_F(CliTest, FailuresPrintTheErrorAndUsageAndTimeOutsHaveTheirOwnCodes) {
+    const auto noIdentity = velmora({"user", "get"});
+    EXPECT_EQ(noIdentity.exitCode, 1);
+    EXPECT_EQ(noIdentity.out, "");
+    EXPECT_EQ(noIdentity.errJson()["domain"], "com.velmora.core.access");
+    EXPECT_EQ(noIdentity.errJson()["code"], 100);
+    EXPECT_TRUE(noIdentity.errJson()["description"].is_string());
+
+    ASSERT_EQ(velmora({"identity", "jwt", "jwt-1"}).exitCode, 0);
+    server.script("GET", "/api/mobile/users/me.json", {.status = 500, .body = R"({"error": "boom"})"});
+    const auto serverError = velmora({"user", "get"});
+    EXPECT_EQ(serverError.exitCode, 1);
+    EXPECT_EQ(serverError.errJson().size(), 3u) << serverError.err;
+    EXPECT_TRUE(serverError.errJson()["code"].is_number_integer());
+
+    const auto before = server.requests().size();
+    for (const auto& wrong : std::vector<std::vector<std::string>>{
+             {"user", "frobnicate"}, {"push", "register"}, {"blip", "action", "--version", "1"}, {}}) {
+        const auto usage = velmora(wrong);
+        EXPECT_EQ(usage.exitCode, 2) << usage.err;
+        EXPECT_TRUE(usage.err.starts_with("velmora: ")) << usage.err;
+        EXPECT_NE(usage.err.find("\nusage: velmora --app-id ID"), std::string::npos);
+    }
+    EXPECT_EQ(velmora({"--log-level", "loud", "init"}).exitCode, 2);
+    EXPECT_EQ(server.requests().size(), before) << "a usage error does nothing";
+
+    server.script("GET", "/api/mobile/users/me.json", {.status = 200, .delay = 3s});
+    const auto slow = velmora({"user", "get"}, {"--timeout", "0.5"});
+    EXPECT_EQ(slow.exitCode, 3);
+    EXPECT_NE(slow.err.find("timed out"), std::string::npos);
+}
+
+TEST_F(CliTest, AWarmSwitchUnregistersBeforeTheLaunchEndsAndLogsGoToStandardError) {
+    AccountServer other;
+    ASSERT_EQ(velmora({"identity", "anonymous"}).exitCode, 0);
+    ASSERT_EQ(velmora({"push", "register", "device-1"}).exitCode, 0);
+
+    const auto switched =
+        velmora({"reinit", "--app-id", "app-2", "--client-id", "client-2", "--url", other.url()},
+                {"--log-level", "debug"});
+    ASSERT_EQ(switched.exitCode, 0) << switched.err;
+    // Checked at once: the process waited for the unregistration before it exited.
+    EXPECT_EQ(server.requests("DELETE", "/api/mobile/push_notification_devices/device-1.json").size(), 1u);
+    EXPECT_NE(switched.err.find("[DEBUG]: Automatically unregistering for push."), std::string::npos);
+    EXPECT_NE(switched.err.find("[DEBUG]: Push unregistration successful"), std::string::npos);
+
+    const auto quiet = velmora({"init"});
+    EXPECT_EQ(quiet.err, "") << "the logger is off unless asked for";
+}
+
+TEST_F(CliTest, TheExampleRunsAgainstTheLocalAccount) {
+    const auto run = runProgram(root, {VELMORA_QUICKSTART_PATH, server.url()});
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out, "signed in as Ann (user 1000)\n");
+}
+
+}  // namespace
+}  // namespace velmora::testing
