@@ -136,6 +136,7 @@ TEST_F(CliTest, FailuresPrintTheErrorAndUsageAndTimeOutsHaveTheirOwnCodes) {
         EXPECT_NE(usage.err.find("\nusage: velmora --app-id ID"), std::string::npos);
     }
     EXPECT_EQ(velmora({"--log-level", "loud", "init"}).exitCode, 2);
+    EXPECT_EQ(velmora({"reinit", "--app-id", "a", "--client-id", "c", "--url", "not a url"}).exitCode, 2);
     EXPECT_EQ(server.requests().size(), before) << "a usage error does nothing";
 
     server.script("GET", "/api/mobile/users/me.json", {.status = 200, .delay = 3s});

@@ -180,6 +180,10 @@ TEST_F(VelmoraTest, SettingTheSameIdentityKeepsTheSessionAndAnotherOneClearsIt) 
     EXPECT_FALSE(std::filesystem::exists(cache));
     EXPECT_EQ(velmora->identity()->anonymous()->name, "Bo");
     EXPECT_EQ(velmora->identity()->anonymous()->guid, identityStore.guid());
+    velmora->setIdentity(Identity::createAnonymous("\xff", std::nullopt));
+    EXPECT_EQ(logs->linesStartingWith("[ERROR]: Can't change identity ").size(), 1u);
+    EXPECT_EQ(velmora->identity()->anonymous()->name, "Bo") << "an identity that cannot be stored is refused";
+
     ASSERT_TRUE(drain());
     const auto deleted = server.requests("DELETE", "/api/mobile/push_notification_devices/device-1.json");
     ASSERT_EQ(deleted.size(), 1u);

@@ -3,6 +3,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "velmora/platform/URL.h"
+
 namespace velmora::cli {
 
 const char* const usage =
@@ -51,6 +53,13 @@ double secondsFrom(const std::string& text) {
 
 }  // namespace
 
+void requireUrl(const std::string& text) {
+    // The library treats an account URL it cannot extend as a programming error and stops the process.
+    if (!platform::URL::fromString(text)) {
+        throw UsageError("'" + text + "' is not a URL");
+    }
+}
+
 Invocation parseInvocation(const std::vector<std::string>& arguments) {
     Invocation invocation;
     std::optional<std::string> appId;
@@ -87,6 +96,7 @@ Invocation parseInvocation(const std::vector<std::string>& arguments) {
     if (i == arguments.size()) {
         throw UsageError("no command given");
     }
+    requireUrl(*url);
     invocation.appId = *appId;
     invocation.clientId = *clientId;
     invocation.url = *url;

@@ -34,6 +34,9 @@ struct Invocation {
 
 Invocation parseInvocation(const std::vector<std::string>& arguments);
 
+// Fails with a usage error when the account URL is not a URL.
+void requireUrl(const std::string& text);
+
 // A command's own arguments: options (with a value, or flags) anywhere among the positional ones.
 struct CommandArguments {
     std::vector<std::string> positional;

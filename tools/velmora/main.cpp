@@ -302,6 +302,7 @@ Action parseCommand(const std::vector<std::string>& command) {
     if (name == "reinit") {
         const auto a = parseCommandArguments("reinit", rest(command, 1), {"app-id", "client-id", "url"});
         expectArguments("reinit", a.positional, 0, 0);
+        requireUrl(a.required("url"));
         return succeedWith([appId = a.required("app-id"), clientId = a.required("client-id"),
                             url = a.required("url")](const Velmora&) {
             Velmora::initialize(appId, clientId, url);

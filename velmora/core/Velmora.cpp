@@ -132,6 +132,12 @@ void Velmora::setIdentity(const Identity& identity) const {
         CoreLogger::debug("This identity is currently set.");
         return;
     }
+    // Text that is not UTF-8 cannot be stored: refuse it before the current user's session is cleared,
+    // rather than clear it and be left with no identity at all.
+    if (const auto encoded = identity.encode(); encoded.isError()) {
+        CoreLogger::error("Can't change identity " + encoded.error().localizedDescription());
+        return;
+    }
     if (const auto pushToken = stores_->sessionStore().pushToken()) {
         providers_->push().unregisterForPush(*pushToken);
     }
