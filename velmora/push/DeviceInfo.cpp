@@ -33,6 +33,16 @@ std::optional<platform::FileSystemSpace> documentsFileSystem() {
     return space.isSuccess() ? std::optional(space.value()) : std::nullopt;
 }
 
+std::string usedDisk(const std::optional<platform::FileSystemSpace>& space) {
+    return space ? DeviceUtil::usedMebibytes(static_cast<double>(space->totalBytes),
+                                             static_cast<double>(space->freeBytes))
+                 : "-1";
+}
+
+std::string totalDisk(const std::optional<platform::FileSystemSpace>& space) {
+    return space ? DeviceUtil::mebibytes(static_cast<double>(space->totalBytes)) : "-1";
+}
+
 }  // namespace
 
 std::string DeviceUtil::mebibytes(double bytes) {
@@ -73,15 +83,11 @@ std::string DeviceUtil::deviceTotalMemory() {
 }
 
 std::string DeviceUtil::deviceUsedDiskSpace() {
-    const auto space = documentsFileSystem();
-    return space
-               ? usedMebibytes(static_cast<double>(space->totalBytes), static_cast<double>(space->freeBytes))
-               : "-1";
+    return usedDisk(documentsFileSystem());
 }
 
 std::string DeviceUtil::deviceTotalDiskSpace() {
-    const auto space = documentsFileSystem();
-    return space ? mebibytes(static_cast<double>(space->totalBytes)) : "-1";
+    return totalDisk(documentsFileSystem());
 }
 
 std::string DeviceUtil::deviceBatteryLevel() {
@@ -100,12 +106,14 @@ std::string DeviceUtil::systemLocale() {
 }
 
 DeviceInfo DeviceInfo::current() {
+    // One look at the file system serves both disk figures: every event pays for it.
+    const auto space = documentsFileSystem();
     return DeviceInfo{platform::DeviceFacts::current()->systemVersion(),
                       DeviceUtil::deviceTypeNumber(),
                       DeviceUtil::deviceUsedMemory(),
                       DeviceUtil::deviceTotalMemory(),
-                      DeviceUtil::deviceUsedDiskSpace(),
-                      DeviceUtil::deviceTotalDiskSpace(),
+                      usedDisk(space),
+                      totalDisk(space),
                       DeviceUtil::deviceBatteryLevel(),
                       DeviceUtil::systemLocale()};
 }
