@@ -15,30 +15,30 @@ class VELMORA_EXPORT AccountStorageStrategy {
     virtual void execute() const = 0;
 };
 
-// A different account than last time: wipe everything of the old one, then record the new account.
-class VELMORA_EXPORT NewAccountStorageStrategy : public AccountStorageStrategy {
+// What both storage strategies hold: the account being initialised and its stores.
+class VELMORA_EXPORT AccountStorageStrategyFor : public AccountStorageStrategy {
   public:
-    NewAccountStorageStrategy(std::shared_ptr<const AccountDetails> details,
+    AccountStorageStrategyFor(std::shared_ptr<const AccountDetails> details,
                               std::shared_ptr<const Stores> stores)
         : details_(std::move(details)), stores_(std::move(stores)) {}
-    void execute() const override;
 
-  private:
+  protected:
     std::shared_ptr<const AccountDetails> details_;
     std::shared_ptr<const Stores> stores_;
 };
 
-// The same account as last time: everything stored is kept.
-class VELMORA_EXPORT ExistingAccountStorageStrategy : public AccountStorageStrategy {
+// A different account than last time: wipe everything of the old one, then record the new account.
+class VELMORA_EXPORT NewAccountStorageStrategy : public AccountStorageStrategyFor {
   public:
-    ExistingAccountStorageStrategy(std::shared_ptr<const AccountDetails> details,
-                                   std::shared_ptr<const Stores> stores)
-        : details_(std::move(details)), stores_(std::move(stores)) {}
+    using AccountStorageStrategyFor::AccountStorageStrategyFor;
     void execute() const override;
+};
 
-  private:
-    std::shared_ptr<const AccountDetails> details_;
-    std::shared_ptr<const Stores> stores_;
+// The same account as last time: everything stored is kept.
+class VELMORA_EXPORT ExistingAccountStorageStrategy : public AccountStorageStrategyFor {
+  public:
+    using AccountStorageStrategyFor::AccountStorageStrategyFor;
+    void execute() const override;
 };
 
 }  // namespace velmora

@@ -52,30 +52,30 @@ class VELMORA_EXPORT DeviceUnregistrationStrategy {
     virtual void unregisterDevice() const = 0;
 };
 
-// An instance is live: its provider can still unregister the old account's device.
-class VELMORA_EXPORT WarmInitialisationUnregistrationStrategy : public DeviceUnregistrationStrategy {
+// What both re-initialisation strategies hold: where to unregister from, and the account being initialised.
+class VELMORA_EXPORT InitialisationUnregistrationStrategy : public DeviceUnregistrationStrategy {
   public:
-    WarmInitialisationUnregistrationStrategy(CorePushUnregistrationContext context,
-                                             std::shared_ptr<const AccountDetails> details)
+    InitialisationUnregistrationStrategy(CorePushUnregistrationContext context,
+                                         std::shared_ptr<const AccountDetails> details)
         : context_(std::move(context)), details_(std::move(details)) {}
-    void unregisterDevice() const override;
 
-  private:
+  protected:
     CorePushUnregistrationContext context_;
     std::shared_ptr<const AccountDetails> details_;
 };
 
-// A first start: the old account's details are gone, so a change of account can only be logged.
-class VELMORA_EXPORT ColdInitialisationUnregistrationStrategy : public DeviceUnregistrationStrategy {
+// An instance is live: its provider can still unregister the old account's device.
+class VELMORA_EXPORT WarmInitialisationUnregistrationStrategy : public InitialisationUnregistrationStrategy {
   public:
-    ColdInitialisationUnregistrationStrategy(CorePushUnregistrationContext context,
-                                             std::shared_ptr<const AccountDetails> details)
-        : context_(std::move(context)), details_(std::move(details)) {}
+    using InitialisationUnregistrationStrategy::InitialisationUnregistrationStrategy;
     void unregisterDevice() const override;
+};
 
-  private:
-    CorePushUnregistrationContext context_;
-    std::shared_ptr<const AccountDetails> details_;
+// A first start: the old account's details are gone, so a change of account can only be logged.
+class VELMORA_EXPORT ColdInitialisationUnregistrationStrategy : public InitialisationUnregistrationStrategy {
+  public:
+    using InitialisationUnregistrationStrategy::InitialisationUnregistrationStrategy;
+    void unregisterDevice() const override;
 };
 
 class VELMORA_EXPORT DeviceUnregistrationManager {

@@ -161,8 +161,8 @@ json User::toJson() const {
 }
 
 json UserFieldOption::toJson() const {
-    return json{{"id", integerOrText(id)}, {"name", name},   {"raw_name", raw_name},
-                {"url", url},              {"value", value}, {"position", position}};
+    return json{{"id", integerOrText(id)}, {"name", name},        {"raw_name", raw_name}, {"url", url},
+                {"value", value},          {"position", position}};
 }
 
 json UserField::toJson() const {
