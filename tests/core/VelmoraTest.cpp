@@ -28,10 +28,10 @@ constexpr const char* wiping = "[DEBUG]: Initialized with a different SDK config
 class VelmoraTest : public LibraryTest {
   protected:
     // What an earlier launch for this account would have left behind.
-    void storePreviousLaunch(const std::string& appId, const std::string& url, bool requiredEvents) {
+    void storePreviousLaunch(const std::string& appId, const std::string& url) {
         ASSERT_TRUE(AccountStore().store(ApplicationConfiguration(appId, "client", url)).isSuccess());
         auto settings = AccountServer::defaultSettings();
-        settings["blips"]["permissions"]["required"] = requiredEvents;
+        settings["blips"]["permissions"]["required"] = true;
         ASSERT_TRUE(SettingsStore(appId).storeSettings(Data::fromString(settings.dump())));
         IdentityStore(appId).store(Identity::createAnonymous("Ann", "ann@example.com"));
         ASSERT_TRUE(SessionStore(appId).store(PropertyValue("old-device"), "pushToken"));
@@ -50,7 +50,7 @@ class VelmoraTest : public LibraryTest {
 };
 
 TEST_F(VelmoraTest, AFirstLaunchWithAnotherAccountStoredWipesRecordsAndSendsNothing) {
-    storePreviousLaunch("other-app", server.url(), true);
+    storePreviousLaunch("other-app", server.url());
     ASSERT_TRUE(SessionStore("app").store(PropertyValue("stale-device"), "pushToken"));
     IdentityStore("app").store(Identity::createJwt("stale"));
     logs->clear();
@@ -73,7 +73,7 @@ TEST_F(VelmoraTest, AFirstLaunchWithAnotherAccountStoredWipesRecordsAndSendsNoth
 }
 
 TEST_F(VelmoraTest, ARelaunchKeepsTheAccountsStateSendsOneInitEventAndARepeatChangesNothing) {
-    storePreviousLaunch("app", server.url(), true);
+    storePreviousLaunch("app", server.url());
     logs->clear();
 
     Velmora::initialize("app", "client", server.url());
@@ -96,13 +96,6 @@ TEST_F(VelmoraTest, ARelaunchKeepsTheAccountsStateSendsOneInitEventAndARepeatCha
     EXPECT_EQ(events[0]["channel"], "core_sdk");
     EXPECT_EQ(events[0]["userAction"]["category"], "CoreSDK");
     EXPECT_EQ(server.requests().size(), 1u) << "no login, no unregistration";
-}
-
-TEST_F(VelmoraTest, RequiredEventsThatTheSettingsForbidAreNotSent) {
-    storePreviousLaunch("app", server.url(), false);
-    Velmora::initialize("app", "client", server.url());
-    ASSERT_TRUE(drain());
-    EXPECT_TRUE(server.requests().empty());
 }
 
 TEST_F(VelmoraTest, AWarmSwitchUnregistersThroughTheOldAccountThenWipesAndTheOldInstanceStaysUsable) {

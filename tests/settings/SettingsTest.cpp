@@ -85,17 +85,6 @@ TEST_F(SettingsTest, FreshnessIsStrictOnBothEndsAndAFutureStampIsStale) {
     EXPECT_FALSE(interceptor.needToFetchSettings());
 }
 
-TEST(SettingsViewsTest, ViewsWriteTheirSectionsBackAsTheAccountSendsThem) {
-    auto document = AccountServer::defaultSettings();
-    for (const json& identifier : {json("velmora-mock"), json(nullptr)}) {
-        document["core"]["identifier"] = identifier;
-        document["core"]["authentication"] = identifier.is_null() ? json(nullptr) : json("jwt");
-        EXPECT_EQ(CoreSettings::fromJson(document).value().toJson(), document["core"]);
-    }
-    document["blips"]["permissions"] = {{"required", true}, {"trailmark", false}, {"behavioural", true}};
-    EXPECT_EQ(BlipsSettings::fromJson(document).value().toJson(), document["blips"]);
-}
-
 TEST_F(SettingsTest, BadDocumentsAndFailedCallsGiveTheDefaults) {
     json unknownAuthentication = AccountServer::defaultSettings();
     unknownAuthentication["core"]["authentication"] = "saml";
