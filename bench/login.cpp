@@ -6,7 +6,7 @@
 
 #include "bench/BenchSupport.h"
 #include "tools/velmora-mock/AccountServer.h"
-#include "velmora/identity/AccessProvider.h"
+#include "velmora/network/AccessProvider.h"
 #include "velmora/user/UserProvider.h"
 
 using namespace velmora;

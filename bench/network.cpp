@@ -13,6 +13,7 @@
 
 #include "bench/BenchSupport.h"
 #include "tools/velmora-mock/AccountServer.h"
+#include "velmora/network/AccountInterceptors.h"
 #include "velmora/network/NetworkClient.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/user/UserProvider.h"

@@ -3,11 +3,11 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "velmora/identity/AccessProvider.h"
 #include "velmora/identity/Identity.h"
-#include "velmora/identity/LegacyIdentityMigrator.h"
+#include "velmora/network/AccessProvider.h"
 #include "velmora/platform/PropertyList.h"
 #include "velmora/settings/Settings.h"
+#include "velmora/storage/LegacyIdentityMigrator.h"
 #include "velmora/user/UserProvider.h"
 
 namespace velmora::fuzz {

@@ -1,4 +1,6 @@
 #include "velmora/blips/BlipsProvider.h"
+#include "velmora/storage/IdentityStore.h"
+#include "velmora/storage/SettingsStore.h"
 
 #include <gtest/gtest.h>
 

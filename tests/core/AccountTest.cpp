@@ -1,4 +1,4 @@
-#include "velmora/core/AccountDetails.h"
+#include "velmora/support/AccountDetails.h"
 
 #include <gtest/gtest.h>
 

@@ -11,6 +11,7 @@
 #include "tests/support/Watchdog.h"
 #include "tools/velmora-mock/AccountServer.h"
 #include "velmora/platform/NotificationCenter.h"
+#include "velmora/storage/Stores.h"
 
 namespace velmora::testing {
 namespace {

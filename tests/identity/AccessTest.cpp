@@ -1,4 +1,5 @@
-#include "velmora/identity/AccessProvider.h"
+#include "velmora/network/AccessProvider.h"
+#include "velmora/network/AccountInterceptors.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +10,7 @@
 #include "tests/support/LibraryTest.h"
 #include "tests/support/Watchdog.h"
 #include "tools/velmora-mock/AccountServer.h"
-#include "velmora/identity/LoginInterceptors.h"
+#include "velmora/network/LoginInterceptors.h"
 #include "velmora/network/NetworkClient.h"
 
 namespace velmora::testing {

@@ -1,4 +1,4 @@
-#include "velmora/identity/IdentityStore.h"
+#include "velmora/storage/IdentityStore.h"
 
 #include <gtest/gtest.h>
 

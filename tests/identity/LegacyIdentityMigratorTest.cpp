@@ -1,4 +1,4 @@
-#include "velmora/identity/LegacyIdentityMigrator.h"
+#include "velmora/storage/LegacyIdentityMigrator.h"
 
 #include <gtest/gtest.h>
 

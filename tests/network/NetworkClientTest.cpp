@@ -1,3 +1,4 @@
+#include "velmora/network/AccountInterceptors.h"
 #include "velmora/network/NetworkClient.h"
 
 #include <gtest/gtest.h>

@@ -6,6 +6,7 @@
 #include "tests/support/LibraryTest.h"
 #include "tests/support/Watchdog.h"
 #include "tools/velmora-mock/AccountServer.h"
+#include "velmora/storage/IdentityStore.h"
 #include "velmora/storage/SessionStore.h"
 
 namespace velmora::testing {

@@ -1,4 +1,4 @@
-#include "velmora/settings/Settings.h"
+#include "velmora/settings/SettingsRequestInterceptor.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,8 @@
 #include "tests/support/LibraryTest.h"
 #include "tests/support/Watchdog.h"
 #include "tools/velmora-mock/AccountServer.h"
-#include "velmora/network/DefaultInterceptors.h"
+#include "velmora/settings/DefaultInterceptors.h"
+#include "velmora/storage/IdentityStore.h"
 
 namespace velmora::testing {
 namespace {

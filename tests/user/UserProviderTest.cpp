@@ -8,8 +8,8 @@
 #include "tests/support/LibraryTest.h"
 #include "tests/support/Watchdog.h"
 #include "tools/velmora-mock/AccountServer.h"
-#include "velmora/identity/IdentityStore.h"
 #include "velmora/platform/Dispatch.h"
+#include "velmora/storage/IdentityStore.h"
 #include "velmora/storage/SessionStore.h"
 
 namespace velmora::testing {

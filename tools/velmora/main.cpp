@@ -13,7 +13,7 @@
 
 #include "tools/velmora/CommandLine.h"
 #include "velmora/Velmora.h"
-#include "velmora/push/DeviceInfo.h"
+#include "velmora/blips/DeviceInfo.h"
 
 using namespace velmora;
 using namespace velmora::cli;

@@ -1,8 +1,10 @@
 #include "velmora/blips/BlipsProvider.h"
 
+#include "velmora/network/AccountInterceptors.h"
 #include "velmora/network/ProviderService.h"
 #include "velmora/platform/Base64.h"
 #include "velmora/platform/Format.h"
+#include "velmora/settings/SettingsRequestInterceptor.h"
 #include "velmora/support/CoreLogger.h"
 
 namespace velmora {

@@ -2,21 +2,20 @@
 
 #include <memory>
 
-#include "velmora/Export.h"
-#include "velmora/core/AccountDetails.h"
 #include "velmora/storage/Stores.h"
+#include "velmora/support/AccountDetails.h"
 
 namespace velmora {
 
 // Keeps or wipes stored data when the library is initialised.
-class VELMORA_EXPORT AccountStorageStrategy {
+class AccountStorageStrategy {
   public:
     virtual ~AccountStorageStrategy() = default;
     virtual void execute() const = 0;
 };
 
 // What both storage strategies hold: the account being initialised and its stores.
-class VELMORA_EXPORT AccountStorageStrategyFor : public AccountStorageStrategy {
+class AccountStorageStrategyFor : public AccountStorageStrategy {
   public:
     AccountStorageStrategyFor(std::shared_ptr<const AccountDetails> details,
                               std::shared_ptr<const Stores> stores)
@@ -28,14 +27,14 @@ class VELMORA_EXPORT AccountStorageStrategyFor : public AccountStorageStrategy {
 };
 
 // A different account than last time: wipe everything of the old one, then record the new account.
-class VELMORA_EXPORT NewAccountStorageStrategy : public AccountStorageStrategyFor {
+class NewAccountStorageStrategy : public AccountStorageStrategyFor {
   public:
     using AccountStorageStrategyFor::AccountStorageStrategyFor;
     void execute() const override;
 };
 
 // The same account as last time: everything stored is kept.
-class VELMORA_EXPORT ExistingAccountStorageStrategy : public AccountStorageStrategyFor {
+class ExistingAccountStorageStrategy : public AccountStorageStrategyFor {
   public:
     using AccountStorageStrategyFor::AccountStorageStrategyFor;
     void execute() const override;

@@ -2,17 +2,17 @@
 
 #include <memory>
 
-#include "velmora/Export.h"
-#include "velmora/core/AccountDetails.h"
+#include "velmora/core/Velmora.h"
 #include "velmora/push/PushRegistrationProvider.h"
 #include "velmora/storage/AccountStore.h"
 #include "velmora/storage/PushTokenManagement.h"
+#include "velmora/support/AccountDetails.h"
 
 namespace velmora {
 
 // What an unregistration on re-initialisation needs: where the push token is, who can unregister it, and
 // which account was last recorded.
-class VELMORA_EXPORT PushUnregistrationContext {
+class PushUnregistrationContext {
   public:
     virtual ~PushUnregistrationContext() = default;
     virtual const PushTokenManagement& tokenStore() const = 0;
@@ -20,7 +20,7 @@ class VELMORA_EXPORT PushUnregistrationContext {
     virtual const AccountStoreProvider& accountProvider() const = 0;
 };
 
-class VELMORA_EXPORT CorePushUnregistrationContext : public PushUnregistrationContext {
+class CorePushUnregistrationContext : public PushUnregistrationContext {
   public:
     CorePushUnregistrationContext(std::shared_ptr<const PushTokenManagement> tokenStore,
                                   std::shared_ptr<const PushUnregisterProtocol> pushProvider,
@@ -39,21 +39,14 @@ class VELMORA_EXPORT CorePushUnregistrationContext : public PushUnregistrationCo
     std::shared_ptr<const AccountStoreProvider> accountProvider_;
 };
 
-// The previously installed instance, whose push token and push provider still belong to the old account.
-class VELMORA_EXPORT PushUnregistrationContextProvider {
-  public:
-    virtual ~PushUnregistrationContextProvider() = default;
-    virtual CorePushUnregistrationContext pushContext() const = 0;
-};
-
-class VELMORA_EXPORT DeviceUnregistrationStrategy {
+class DeviceUnregistrationStrategy {
   public:
     virtual ~DeviceUnregistrationStrategy() = default;
     virtual void unregisterDevice() const = 0;
 };
 
 // What both re-initialisation strategies hold: where to unregister from, and the account being initialised.
-class VELMORA_EXPORT InitialisationUnregistrationStrategy : public DeviceUnregistrationStrategy {
+class InitialisationUnregistrationStrategy : public DeviceUnregistrationStrategy {
   public:
     InitialisationUnregistrationStrategy(CorePushUnregistrationContext context,
                                          std::shared_ptr<const AccountDetails> details)
@@ -65,20 +58,20 @@ class VELMORA_EXPORT InitialisationUnregistrationStrategy : public DeviceUnregis
 };
 
 // An instance is live: its provider can still unregister the old account's device.
-class VELMORA_EXPORT WarmInitialisationUnregistrationStrategy : public InitialisationUnregistrationStrategy {
+class WarmInitialisationUnregistrationStrategy : public InitialisationUnregistrationStrategy {
   public:
     using InitialisationUnregistrationStrategy::InitialisationUnregistrationStrategy;
     void unregisterDevice() const override;
 };
 
 // A first start: the old account's details are gone, so a change of account can only be logged.
-class VELMORA_EXPORT ColdInitialisationUnregistrationStrategy : public InitialisationUnregistrationStrategy {
+class ColdInitialisationUnregistrationStrategy : public InitialisationUnregistrationStrategy {
   public:
     using InitialisationUnregistrationStrategy::InitialisationUnregistrationStrategy;
     void unregisterDevice() const override;
 };
 
-class VELMORA_EXPORT DeviceUnregistrationManager {
+class DeviceUnregistrationManager {
   public:
     DeviceUnregistrationManager() = delete;
 

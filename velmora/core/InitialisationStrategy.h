@@ -2,17 +2,16 @@
 
 #include <memory>
 
-#include "velmora/Export.h"
-#include "velmora/core/AccountDetails.h"
 #include "velmora/core/Providers.h"
 #include "velmora/storage/Stores.h"
+#include "velmora/support/AccountDetails.h"
 
 namespace velmora {
 
 class Velmora;
 
 // Decides on each initialize whether a new instance is built.
-class VELMORA_EXPORT InitialisationStrategy {
+class InitialisationStrategy {
   public:
     virtual ~InitialisationStrategy() = default;
     virtual std::shared_ptr<Velmora> initialise(const std::shared_ptr<const AccountDetails>& details,
@@ -21,7 +20,7 @@ class VELMORA_EXPORT InitialisationStrategy {
 };
 
 // The process's first initialize: always a new instance.
-class VELMORA_EXPORT ColdInitialisationStrategy : public InitialisationStrategy {
+class ColdInitialisationStrategy : public InitialisationStrategy {
   public:
     std::shared_ptr<Velmora> initialise(const std::shared_ptr<const AccountDetails>& details,
                                         std::shared_ptr<const Stores> stores,
@@ -29,7 +28,7 @@ class VELMORA_EXPORT ColdInitialisationStrategy : public InitialisationStrategy 
 };
 
 // A repeat: nothing when the recorded account is this one, else a new instance.
-class VELMORA_EXPORT WarmInitialisationStrategy : public InitialisationStrategy {
+class WarmInitialisationStrategy : public InitialisationStrategy {
   public:
     std::shared_ptr<Velmora> initialise(const std::shared_ptr<const AccountDetails>& details,
                                         std::shared_ptr<const Stores> stores,

@@ -2,29 +2,18 @@
 
 #include <memory>
 
-#include "velmora/Export.h"
 #include "velmora/blips/BlipsProvider.h"
-#include "velmora/core/AccountDetails.h"
-#include "velmora/identity/IdentityStore.h"
+#include "velmora/core/ProviderModule.h"
 #include "velmora/push/PushRegistrationProvider.h"
 #include "velmora/settings/Settings.h"
 #include "velmora/storage/PushTokenManagement.h"
+#include "velmora/support/AccountDetails.h"
 #include "velmora/user/UserProvider.h"
 
 namespace velmora {
 
-// The providers of the current account, as hosts and kits reach them through the facade.
-class VELMORA_EXPORT ProviderModule {
-  public:
-    virtual ~ProviderModule() = default;
-    virtual const PushRegistrationProvider& push() const = 0;
-    virtual SettingsProvider& settings() const = 0;
-    virtual const BlipsProvider& blip() const = 0;
-    virtual const UserProvider& user() const = 0;
-};
-
 // One account's providers. Those that need settings share one settings provider of the same account.
-class VELMORA_EXPORT Providers : public ProviderModule {
+class Providers : public ProviderModule {
   public:
     Providers(const std::shared_ptr<const AccountDetails>& accountDetails,
               const std::shared_ptr<const UserDetails>& userDetails,

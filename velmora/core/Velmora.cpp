@@ -1,10 +1,12 @@
 #include "velmora/core/Velmora.h"
 
 #include "velmora/core/AccountStorageStrategy.h"
+#include "velmora/core/DeviceUnregistration.h"
 #include "velmora/core/InitialisationStrategy.h"
-#include "velmora/identity/LegacyIdentityMigrator.h"
+#include "velmora/core/Providers.h"
 #include "velmora/network/PendingRequests.h"
 #include "velmora/platform/NotificationCenter.h"
+#include "velmora/storage/LegacyIdentityMigrator.h"
 #include "velmora/support/CoreLogger.h"
 
 namespace velmora {
@@ -105,6 +107,14 @@ Velmora::Velmora(const AccountDetails& accountDetails, std::shared_ptr<const Sto
       providers_(std::move(providers)),
       application_(std::make_shared<const ApplicationConfiguration>(
           accountDetails.applicationId(), accountDetails.clientId(), accountDetails.accountUrl())) {}
+
+const StoreModule& Velmora::storeModule() const {
+    return *stores_;
+}
+
+const ProviderModule& Velmora::providerModule() const {
+    return *providers_;
+}
 
 std::optional<Identity> Velmora::identity() const {
     const auto& store = stores_->identityStore();

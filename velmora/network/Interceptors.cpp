@@ -1,4 +1,4 @@
-#include "velmora/network/Interceptors.h"
+#include "velmora/network/AccountInterceptors.h"
 
 #include "velmora/platform/Uuid.h"
 

@@ -6,14 +6,13 @@
 #include <optional>
 #include <vector>
 
-#include "velmora/Export.h"
 #include "velmora/network/ProviderService.h"
 #include "velmora/platform/URLSession.h"
 
 namespace velmora {
 
 // Where the answer to one data task goes.
-struct VELMORA_EXPORT URLSessionTaskHandler {
+struct URLSessionTaskHandler {
     std::uint64_t taskIdentifier;
     platform::DispatchQueue queue;
     TaskCompletion completionHandler;
@@ -27,7 +26,7 @@ struct VELMORA_EXPORT URLSessionTaskHandler {
     }
 };
 
-class VELMORA_EXPORT URLSessionTaskHandlerDelegate {
+class URLSessionTaskHandlerDelegate {
   public:
     virtual ~URLSessionTaskHandlerDelegate() = default;
     virtual std::shared_ptr<URLSessionTaskHandler> taskHandler(std::uint64_t taskIdentifier) = 0;
@@ -36,7 +35,7 @@ class VELMORA_EXPORT URLSessionTaskHandlerDelegate {
 
 // The handlers of running tasks, in the order they were added. Appended from the executing thread, searched
 // from the session's thread, shortened from completion queues: guarded.
-class VELMORA_EXPORT URLSessionTaskHandlerManager : public URLSessionTaskHandlerDelegate {
+class URLSessionTaskHandlerManager : public URLSessionTaskHandlerDelegate {
   public:
     void append(std::shared_ptr<URLSessionTaskHandler> handler);
     std::shared_ptr<URLSessionTaskHandler> taskHandler(std::uint64_t taskIdentifier) override;
@@ -49,7 +48,7 @@ class VELMORA_EXPORT URLSessionTaskHandlerManager : public URLSessionTaskHandler
 };
 
 // Turns the session's events into handler updates and completions.
-class VELMORA_EXPORT SessionDelegate : public platform::URLSessionDelegate {
+class SessionDelegate : public platform::URLSessionDelegate {
   public:
     void setTaskHandlerDelegate(std::shared_ptr<URLSessionTaskHandlerDelegate> delegate);
 
@@ -74,7 +73,7 @@ class VELMORA_EXPORT SessionDelegate : public platform::URLSessionDelegate {
 };
 
 // Owns the library's one URL session and runs provider services through it.
-class VELMORA_EXPORT NetworkClient {
+class NetworkClient {
   public:
     // The shared client: 4 MiB memory and 20 MiB disk response cache at "com.velmora.core" in the caches
     // directory, no cookies, the shared headers on every request. Made on first use, kept for the process.

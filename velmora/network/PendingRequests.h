@@ -3,14 +3,13 @@
 #include <chrono>
 #include <cstddef>
 
-#include "velmora/Export.h"
 #include "velmora/network/ProviderService.h"
 
 namespace velmora {
 
 // Every request handed to the executor counts as pending until its completion has run (or the executor
 // drops it), so hosts can let fire-and-forget work (events, unregistrations) finish before they exit.
-class VELMORA_EXPORT PendingRequests {
+class PendingRequests {
   public:
     PendingRequests() = delete;
 

@@ -4,13 +4,12 @@
 #include <string>
 #include <string_view>
 
-#include "velmora/Export.h"
 #include "velmora/platform/Data.h"
 
 namespace velmora::platform {
 
 // Standard base64 (RFC 4648 section 4) with padding and no line breaks.
-VELMORA_EXPORT std::string base64Encode(const void* bytes, std::size_t size);
+std::string base64Encode(const void* bytes, std::size_t size);
 inline std::string base64Encode(std::string_view text) {
     return base64Encode(text.data(), text.size());
 }
@@ -19,6 +18,6 @@ inline std::string base64Encode(const Data& data) {
 }
 
 // Strict: padding is required and any character outside the alphabet (whitespace too) makes it fail.
-VELMORA_EXPORT std::optional<Data> base64Decode(std::string_view text);
+std::optional<Data> base64Decode(std::string_view text);
 
 }  // namespace velmora::platform

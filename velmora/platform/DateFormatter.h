@@ -5,7 +5,6 @@
 #include <string_view>
 #include <vector>
 
-#include "velmora/Export.h"
 #include "velmora/platform/Date.h"
 
 namespace velmora::platform {
@@ -14,7 +13,7 @@ namespace velmora::platform {
 // date-format syntax. The library only needs numeric fields: yyyy, MM, dd, HH, mm, ss and SSS, literal
 // text in single quotes, and punctuation. Parsing is strict: every field has exactly its width in digits,
 // values must exist on the calendar, and the whole text must be consumed.
-class VELMORA_EXPORT DateFormatter {
+class DateFormatter {
   public:
     // A pattern letter other than the supported fields is a programming error and aborts.
     explicit DateFormatter(std::string_view pattern);

@@ -5,7 +5,6 @@
 #include <optional>
 #include <vector>
 
-#include "velmora/Export.h"
 #include "velmora/platform/Error.h"
 #include "velmora/platform/Result.h"
 
@@ -17,7 +16,7 @@ struct FileSystemSpace {
 };
 
 // File services with errors a person can read. Failures are values, never exceptions.
-class VELMORA_EXPORT FileManager {
+class FileManager {
   public:
     // Errors carry the POSIX errno as their code in this domain.
     static constexpr std::string_view errorDomain = "NSPOSIXErrorDomain";

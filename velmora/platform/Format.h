@@ -6,14 +6,12 @@
 #include <string_view>
 #include <type_traits>
 
-#include "velmora/Export.h"
-
 namespace velmora::platform {
 
 // Substitutes the arguments, in order, for the "%@" placeholders of `format`. "%%" stands for one "%".
 // An argument is inserted as it is, so a "%@" inside an argument stays literal; a placeholder without an
 // argument prints "(null)", and arguments without a placeholder are ignored.
-VELMORA_EXPORT std::string formatArguments(std::string_view format, std::span<const std::string> arguments);
+std::string formatArguments(std::string_view format, std::span<const std::string> arguments);
 
 // The text form that "%@" gives each kind of argument.
 inline std::string textOf(std::string_view text) {
@@ -32,7 +30,7 @@ template <std::integral T>
 requires(!std::same_as<T, bool> && !std::same_as<T, char>) std::string textOf(T value) {
     return std::to_string(value);
 }
-VELMORA_EXPORT std::string textOf(double value);
+std::string textOf(double value);
 
 // format("storing %@ with key %@", value, key): the library's way of composing log lines and messages.
 template <class... Args>

@@ -6,7 +6,6 @@
 #include <string_view>
 #include <vector>
 
-#include "velmora/Export.h"
 #include "velmora/platform/Data.h"
 #include "velmora/platform/PropertyList.h"
 
@@ -18,7 +17,7 @@ namespace velmora::platform {
 // archives of its earlier generation hold.
 
 // The members an object writes into its archive record.
-class VELMORA_EXPORT KeyedEncoder {
+class KeyedEncoder {
   public:
     // An absent value is written as a reference to "$null", as the runtime does for nil.
     void encode(const std::optional<std::string>& value, std::string_view key);
@@ -28,7 +27,7 @@ class VELMORA_EXPORT KeyedEncoder {
     std::vector<std::pair<std::string, std::optional<std::string>>> members_;
 };
 
-class VELMORA_EXPORT KeyedArchiver {
+class KeyedArchiver {
   public:
     // An archive whose root object is of `className` (with its superclasses after it in `classHierarchy`,
     // ending in the root class) and has the members the encoder was given.
@@ -37,7 +36,7 @@ class VELMORA_EXPORT KeyedArchiver {
 };
 
 // The root object of an archive, as far as it can be read.
-class VELMORA_EXPORT KeyedDecoder {
+class KeyedDecoder {
   public:
     // Nothing when the bytes are not a well-formed keyed archive: not a binary property list, another
     // archiver, a missing or dangling reference, a root or class record of the wrong shape, or a reference

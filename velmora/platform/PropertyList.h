@@ -9,7 +9,6 @@
 #include <variant>
 #include <vector>
 
-#include "velmora/Export.h"
 #include "velmora/platform/Data.h"
 #include "velmora/platform/Date.h"
 
@@ -22,7 +21,7 @@ struct PropertyUid {
 };
 
 // One property-list value: what the user defaults store and what keyed archives are made of.
-class VELMORA_EXPORT PropertyValue {
+class PropertyValue {
   public:
     using Array = std::vector<PropertyValue>;
     using Dictionary = std::map<std::string, PropertyValue, std::less<>>;
@@ -60,14 +59,14 @@ class VELMORA_EXPORT PropertyValue {
 
 // The text a log line shows for a value: strings as they are, "N bytes" for data, numbers, dates in UTC,
 // and collections in brackets.
-VELMORA_EXPORT std::string textOf(const PropertyValue& value);
-VELMORA_EXPORT std::string textOf(const std::optional<PropertyValue>& value);
+std::string textOf(const PropertyValue& value);
+std::string textOf(const std::optional<PropertyValue>& value);
 
 // Binary property lists ("bplist00"). Dates keep whole milliseconds between 1933 and 2069 (the encoder's
 // range). Strings must be UTF-8 without NUL bytes: the format has no way to keep anything else.
-VELMORA_EXPORT Data encodeBinaryPropertyList(const PropertyValue& value);
+Data encodeBinaryPropertyList(const PropertyValue& value);
 // Nothing when the bytes are not a binary property list, or nest deeper than the library ever writes.
-VELMORA_EXPORT std::optional<PropertyValue> decodeBinaryPropertyList(const Data& bytes);
+std::optional<PropertyValue> decodeBinaryPropertyList(const Data& bytes);
 
 }  // namespace velmora::platform
 

@@ -2,14 +2,12 @@
 
 #include <string_view>
 
-#include "velmora/Export.h"
-
 namespace velmora::platform {
 
 // The platform log: `format` with `argument` substituted for its "%@", handed to the environment's log
 // sink as one line. Always on; the library's own logger decides what reaches it.
-VELMORA_EXPORT void systemLog(std::string_view format, std::string_view argument);
+void systemLog(std::string_view format, std::string_view argument);
 // Writes a line to the sink as it is.
-VELMORA_EXPORT void systemLogLine(std::string_view message);
+void systemLogLine(std::string_view message);
 
 }  // namespace velmora::platform

@@ -9,7 +9,6 @@
 #include <string>
 #include <unordered_map>
 
-#include "velmora/Export.h"
 #include "velmora/platform/URLRequest.h"
 
 struct sqlite3;
@@ -19,7 +18,7 @@ namespace velmora::platform {
 // Responses kept for GET requests: a memory part and an SQLite disk part, each evicting the least recently
 // used entries beyond its capacity. An entry larger than a twentieth of a part's capacity is not kept
 // there. Safe from any thread.
-class VELMORA_EXPORT URLCache {
+class URLCache {
   public:
     // `directory` empty: memory only. The disk part lives in `directory`/Cache.db.
     URLCache(std::size_t memoryCapacity, std::size_t diskCapacity,

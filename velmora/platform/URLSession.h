@@ -6,7 +6,6 @@
 #include <mutex>
 #include <optional>
 
-#include "velmora/Export.h"
 #include "velmora/platform/Error.h"
 #include "velmora/platform/URLCache.h"
 #include "velmora/platform/URLRequest.h"
@@ -16,7 +15,7 @@ namespace velmora::platform {
 class URLSession;
 
 // Errors of the URL loading system, with the platform's codes.
-struct VELMORA_EXPORT URLError {
+struct URLError {
     static constexpr std::string_view domain = "NSURLErrorDomain";
     static constexpr int unknown = -1;
     static constexpr int cancelled = -999;
@@ -34,7 +33,7 @@ struct VELMORA_EXPORT URLError {
 };
 
 // One request of a session. Its state changes on the session's thread; the accessors may be read anywhere.
-class VELMORA_EXPORT URLSessionDataTask : public std::enable_shared_from_this<URLSessionDataTask> {
+class URLSessionDataTask : public std::enable_shared_from_this<URLSessionDataTask> {
   public:
     std::uint64_t taskIdentifier() const { return identifier_; }
     const URLRequest& originalRequest() const { return request_; }
@@ -61,7 +60,7 @@ class VELMORA_EXPORT URLSessionDataTask : public std::enable_shared_from_this<UR
 };
 
 // What a session reports. Every call comes on the session's own thread, one at a time.
-class VELMORA_EXPORT URLSessionDelegate {
+class URLSessionDelegate {
   public:
     virtual ~URLSessionDelegate() = default;
     virtual void didBecomeInvalid(URLSession& session, const std::optional<Error>& error) = 0;
@@ -78,7 +77,7 @@ class VELMORA_EXPORT URLSessionDelegate {
                              const std::optional<Error>& error) = 0;
 };
 
-struct VELMORA_EXPORT URLSessionConfiguration {
+struct URLSessionConfiguration {
     // Sent with every request that does not set the same header itself.
     HTTPHeaderFields httpAdditionalHeaders;
     std::shared_ptr<URLCache> urlCache;
@@ -91,7 +90,7 @@ struct VELMORA_EXPORT URLSessionConfiguration {
 // serial queue. Connections are reused (HTTP/2 where the server offers it over TLS); cookies are never
 // stored; redirects are followed without carrying "Authorization" to another origin; TLS peers and host
 // names are verified. The session lives until invalidated; a session that is destroyed cancels its tasks.
-class VELMORA_EXPORT URLSession : public std::enable_shared_from_this<URLSession> {
+class URLSession : public std::enable_shared_from_this<URLSession> {
   public:
     static std::shared_ptr<URLSession> make(URLSessionConfiguration configuration,
                                             std::shared_ptr<URLSessionDelegate> delegate);

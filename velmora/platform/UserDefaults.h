@@ -6,7 +6,6 @@
 #include <string>
 #include <string_view>
 
-#include "velmora/Export.h"
 #include "velmora/platform/PropertyList.h"
 
 namespace velmora::platform {
@@ -19,7 +18,7 @@ class DefaultsDatabase;
 //
 // A file that is not a valid database is moved aside (reported through the platform log) and a fresh one
 // is used. Without a data directory the values live in memory only and synchronize() reports failure.
-class VELMORA_EXPORT UserDefaults {
+class UserDefaults {
   public:
     // The application's own domain, named after the environment's application domain name.
     static std::shared_ptr<UserDefaults> standard();
@@ -38,7 +37,7 @@ class VELMORA_EXPORT UserDefaults {
     }
 
     // A value found under the lock that keeps it valid; see inspect().
-    struct VELMORA_EXPORT Lookup {
+    struct Lookup {
         std::unique_lock<std::mutex> lock;
         const PropertyValue* value = nullptr;
     };

@@ -2,11 +2,9 @@
 
 #include <string_view>
 
-#include "velmora/Export.h"
-
 namespace velmora::platform {
 
 // Whether the bytes are well-formed UTF-8: no overlong forms, surrogates or values past U+10FFFF.
-VELMORA_EXPORT bool isValidUtf8(std::string_view text);
+bool isValidUtf8(std::string_view text);
 
 }  // namespace velmora::platform

@@ -2,9 +2,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "velmora/identity/LoginInterceptors.h"
-#include "velmora/network/DefaultInterceptors.h"
+#include "velmora/network/AccountInterceptors.h"
+#include "velmora/network/LoginInterceptors.h"
 #include "velmora/platform/Format.h"
+#include "velmora/settings/DefaultInterceptors.h"
 #include "velmora/support/CoreLogger.h"
 #include "velmora/support/DecodingError.h"
 

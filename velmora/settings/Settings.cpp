@@ -1,6 +1,7 @@
 #include "velmora/settings/Settings.h"
 
 #include "velmora/network/ProviderService.h"
+#include "velmora/settings/SettingsRequestInterceptor.h"
 #include "velmora/support/CoreLogger.h"
 #include "velmora/support/DateStringParser.h"
 #include "velmora/support/DecodingError.h"
@@ -104,17 +105,18 @@ Result<BlipsSettings> BlipsSettings::fromJson(const json& document) {
 
 SettingsProvider::SettingsProvider(std::shared_ptr<const AccountDetails> accountDetails)
     : environment_(std::move(accountDetails)),
-      settingsCache_(environment_->applicationId()),
-      cachingLogic_{3600, settingsCache_.updatedAt()} {}
+      settingsCache_(std::make_shared<const SettingsStore>(environment_->applicationId())),
+      cachingLogic_{3600, settingsCache_->updatedAt()} {}
 
 void SettingsProvider::getSettings(SettingsRequest request) {
     const std::string name(request.typeName);
-    const auto stored = settingsCache_.data();
+    const auto stored = settingsCache_->data();
     bool useCache = false;
     if (!stored) {
         CoreLogger::verbose("No settings in cache.");
     } else {
-        const auto updatedAt = settingsCache_.updatedAt();  // read before the clock: no stamp counts as fresh
+        const auto updatedAt =
+            settingsCache_->updatedAt();  // read before the clock: no stamp counts as fresh
         useCache = cachingLogic_.isFresh(updatedAt, Date::now());
         if (!useCache) {
             CoreLogger::verbose("Settings in settings cache are out of date.");
@@ -161,7 +163,7 @@ void SettingsProvider::getSettings(SettingsRequest request) {
             request.deliverDefault();
             return;
         }
-        cache.setData(*data);
+        cache->setData(*data);
         CoreLogger::debug("Returning settings for " + name + " from network.");
         deliver();
     });
@@ -169,7 +171,7 @@ void SettingsProvider::getSettings(SettingsRequest request) {
 
 void SettingsProvider::getCachedSettings(SettingsRequest request) const {
     const std::string name(request.typeName);
-    const auto stored = settingsCache_.data();
+    const auto stored = settingsCache_->data();
     if (!stored) {
         CoreLogger::debug("Returning default settings for " + name + ". No data in cache.");
         request.deliverDefault();

@@ -2,18 +2,17 @@
 
 #include <string_view>
 
-#include "velmora/Export.h"
-#include "velmora/core/AccountDetails.h"
 #include "velmora/platform/Result.h"
 #include "velmora/storage/AppStorable.h"
+#include "velmora/support/AccountDetails.h"
 
 namespace velmora {
 
 enum class AccountStoreError { base64EncodingError };
 
-VELMORA_EXPORT Error toError(AccountStoreError error);
+Error toError(AccountStoreError error);
 
-class VELMORA_EXPORT AccountStoreProvider {
+class AccountStoreProvider {
   public:
     virtual ~AccountStoreProvider() = default;
     virtual bool storedAccount(const AccountDetails& details) const = 0;
@@ -21,7 +20,7 @@ class VELMORA_EXPORT AccountStoreProvider {
 
 // Remembers which account the host application last initialised with storage wiped: one "account-id" entry
 // for the whole application, not scoped by app id.
-class VELMORA_EXPORT AccountStore : public AccountStoreProvider, public UserDefaultsStorable {
+class AccountStore : public AccountStoreProvider, public UserDefaultsStorable {
   public:
     static constexpr std::string_view suite = "com.velmora.core.account";
     static constexpr std::string_view accountIdKey = "account-id";

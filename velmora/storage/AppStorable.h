@@ -4,7 +4,6 @@
 #include <string>
 #include <string_view>
 
-#include "velmora/Export.h"
 #include "velmora/platform/PropertyList.h"
 #include "velmora/platform/UserDefaults.h"
 
@@ -12,7 +11,7 @@ namespace velmora {
 
 // A store that keeps its values in one user-defaults suite of a fixed name. The suite is opened when the
 // store is made; a name the platform refuses is a fatal error ("failed to load suite named <name>").
-class VELMORA_EXPORT UserDefaultsStorable {
+class UserDefaultsStorable {
   public:
     explicit UserDefaultsStorable(std::string_view suiteName);
     virtual ~UserDefaultsStorable() = default;
@@ -27,7 +26,7 @@ class VELMORA_EXPORT UserDefaultsStorable {
 
 // A store that keeps one dictionary per application id inside its suite, so that two accounts configured in
 // one host application never see each other's records.
-class VELMORA_EXPORT AppStorable : public UserDefaultsStorable {
+class AppStorable : public UserDefaultsStorable {
   public:
     AppStorable(std::string_view suiteName, std::string appId)
         : UserDefaultsStorable(suiteName), appId_(std::move(appId)) {}

@@ -4,16 +4,15 @@
 #include <optional>
 #include <string>
 
-#include "velmora/Export.h"
 #include "velmora/platform/Error.h"
 
 namespace velmora {
 
 enum class CacheManagerError { nilCacheURL };
 
-VELMORA_EXPORT Error toError(CacheManagerError error);
+Error toError(CacheManagerError error);
 
-class VELMORA_EXPORT CacheDirectoryManager {
+class CacheDirectoryManager {
   public:
     virtual ~CacheDirectoryManager() = default;
     virtual const std::optional<std::filesystem::path>& cacheDirectoryURL() const = 0;
@@ -23,7 +22,7 @@ class VELMORA_EXPORT CacheDirectoryManager {
 
 // The library's own directory inside the user's caches directory: "<caches>/velmora". Nothing is created
 // on disk until something is cached there.
-class VELMORA_EXPORT CoreCacheDirectoryManager : public CacheDirectoryManager {
+class CoreCacheDirectoryManager : public CacheDirectoryManager {
   public:
     static constexpr std::string_view velmoraCachePathComponent = "velmora";
 

@@ -2,14 +2,13 @@
 
 #include <optional>
 
-#include "velmora/Export.h"
 #include "velmora/platform/Data.h"
 #include "velmora/platform/Date.h"
 
 namespace velmora {
 
 // A cached document and when it was last written: how the settings provider sees its store.
-class VELMORA_EXPORT DataCache {
+class DataCache {
   public:
     virtual ~DataCache() = default;
     virtual std::optional<Data> data() const = 0;
@@ -19,7 +18,7 @@ class VELMORA_EXPORT DataCache {
 };
 
 // Read access to the raw settings document.
-class VELMORA_EXPORT SettingsData {
+class SettingsData {
   public:
     virtual ~SettingsData() = default;
     virtual std::optional<Data> settings() const = 0;

@@ -3,12 +3,10 @@
 #include <optional>
 #include <string>
 
-#include "velmora/Export.h"
-
 namespace velmora {
 
 // The device's push token as the push registration and unregistration code see it.
-class VELMORA_EXPORT PushTokenManagement {
+class PushTokenManagement {
   public:
     virtual ~PushTokenManagement() = default;
     virtual std::optional<std::string> pushToken() const = 0;

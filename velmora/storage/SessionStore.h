@@ -4,14 +4,13 @@
 #include <string>
 #include <string_view>
 
-#include "velmora/Export.h"
 #include "velmora/storage/AppStorable.h"
 #include "velmora/storage/PushTokenManagement.h"
 
 namespace velmora {
 
 // Values that belong to the current user's session, such as the push token.
-class VELMORA_EXPORT SessionStore : public AppStorable, public PushTokenManagement {
+class SessionStore : public AppStorable, public PushTokenManagement {
   public:
     static constexpr std::string_view suite = "com.velmora.core.session";
     static constexpr std::string_view pushTokenKey = "pushToken";

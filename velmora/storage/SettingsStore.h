@@ -2,14 +2,13 @@
 
 #include <string_view>
 
-#include "velmora/Export.h"
 #include "velmora/storage/AppStorable.h"
 #include "velmora/storage/DataCache.h"
 
 namespace velmora {
 
 // The account's raw settings document per app id, and when settings were last stored for any app id.
-class VELMORA_EXPORT SettingsStore : public AppStorable, public DataCache, public SettingsData {
+class SettingsStore : public AppStorable, public DataCache, public SettingsData {
   public:
     static constexpr std::string_view suite = "com.velmora.core.settings";
     static constexpr std::string_view updatedAtKey = "updated_at";

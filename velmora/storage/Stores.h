@@ -6,17 +6,16 @@
 #include <optional>
 #include <string>
 
-#include "velmora/Export.h"
-#include "velmora/identity/IdentityStore.h"
 #include "velmora/storage/AccountStore.h"
 #include "velmora/storage/CacheDirectoryManager.h"
+#include "velmora/storage/IdentityStore.h"
 #include "velmora/storage/SessionStore.h"
 #include "velmora/storage/SettingsStore.h"
 
 namespace velmora {
 
 // What the rest of the library may do with the stores of the current account.
-class VELMORA_EXPORT StoreModule {
+class StoreModule {
   public:
     virtual ~StoreModule() = default;
     virtual const SessionStore& sessionStore() const = 0;
@@ -28,7 +27,7 @@ class VELMORA_EXPORT StoreModule {
 
 // The stores of one app id, and the cache directory. Shared between threads (a 401 clears it from the
 // network thread), so the lazily made cache manager is guarded.
-class VELMORA_EXPORT Stores : public StoreModule {
+class Stores : public StoreModule {
   public:
     explicit Stores(const std::string& appId);
 

@@ -1,12 +1,11 @@
 #pragma once
 
-#include "velmora/Export.h"
 #include "velmora/platform/DateFormatter.h"
 
 namespace velmora {
 
 // The two date forms of the account's REST interface, en_US and GMT.
-class VELMORA_EXPORT DateStringParser {
+class DateStringParser {
   public:
     // "yyyy-MM-dd'T'HH:mm:ss.SSS'Z'": analytics events.
     static const platform::DateFormatter& withMilliseconds();

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "velmora/network/DefaultInterceptors.h"
+#include "velmora/settings/DefaultInterceptors.h"
 #include "velmora/support/DateStringParser.h"
 #include "velmora/support/DecodingError.h"
 

@@ -1,7 +1,8 @@
-#include "velmora/identity/AccessProvider.h"
+#include "velmora/network/AccessProvider.h"
 
 #include <limits>
 
+#include "velmora/network/AccountInterceptors.h"
 #include "velmora/network/NetworkClient.h"
 #include "velmora/support/CoreLogger.h"
 #include "velmora/support/DecodingError.h"

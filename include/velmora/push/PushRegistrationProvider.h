@@ -7,13 +7,14 @@
 
 #include "velmora/Export.h"
 #include "velmora/blips/BlipsProvider.h"
-#include "velmora/core/AccountDetails.h"
-#include "velmora/identity/IdentityStore.h"
 #include "velmora/network/ProviderService.h"
 #include "velmora/platform/Result.h"
-#include "velmora/storage/PushTokenManagement.h"
+#include "velmora/support/AccountDetails.h"
 
 namespace velmora {
+
+class PushTokenManagement;
+class UserDetails;
 
 struct VELMORA_EXPORT PushRegistrationResponse {
     std::string identifier;

@@ -8,17 +8,16 @@
 
 #include <nlohmann/json.hpp>
 
-#include "velmora/Export.h"
-#include "velmora/core/AccountDetails.h"
 #include "velmora/identity/Identity.h"
-#include "velmora/identity/IdentityStore.h"
 #include "velmora/platform/URL.h"
+#include "velmora/storage/IdentityStore.h"
 #include "velmora/storage/SettingsStore.h"
+#include "velmora/support/AccountDetails.h"
 
 namespace velmora {
 
 // The access token and user id the access call returns. The user id travels as decimal text.
-struct VELMORA_EXPORT Authentication {
+struct Authentication {
     enum class AuthenticationError { malformedUserId };
 
     std::string access_token;
@@ -28,9 +27,9 @@ struct VELMORA_EXPORT Authentication {
     nlohmann::json toJson() const;
 };
 
-VELMORA_EXPORT Error toError(Authentication::AuthenticationError error);
+Error toError(Authentication::AuthenticationError error);
 
-struct VELMORA_EXPORT Access {
+struct Access {
     Authentication authentication;
 
     // {"authentication": {"access_token": "...", "user_id": "<decimal digits>"}}
@@ -39,16 +38,16 @@ struct VELMORA_EXPORT Access {
 };
 
 // Strict base-10: an optional sign, then digits only, within the signed 64-bit range.
-VELMORA_EXPORT std::optional<std::int64_t> parseDecimalInt64(std::string_view text);
+std::optional<std::int64_t> parseDecimalInt64(std::string_view text);
 
 // The access endpoint for an identity: account URL + "/access/sdk/anonymous" or "/access/sdk/jwt".
-VELMORA_EXPORT platform::URL accessURL(const Identity& identity, const AccountDetails& details);
+platform::URL accessURL(const Identity& identity, const AccountDetails& details);
 
 // The access call's body: {"user": {...}} with the store's GUID for anonymous users, the token for JWT users.
 // Empty when it cannot be encoded; the call then goes without a body.
-VELMORA_EXPORT std::optional<Data> accessBody(const Identity& identity, const GUIDProvider& guidProvider);
+std::optional<Data> accessBody(const Identity& identity, const GUIDProvider& guidProvider);
 
-class VELMORA_EXPORT AccessProviderProtocol {
+class AccessProviderProtocol {
   public:
     virtual ~AccessProviderProtocol() = default;
     // Calls back exactly once: on the main queue after the call, or at once when there is no identity.
@@ -56,7 +55,7 @@ class VELMORA_EXPORT AccessProviderProtocol {
 };
 
 // Exchanges the stored identity for an access token. Stores nothing: the login interceptor does.
-class VELMORA_EXPORT AccessProvider : public AccessProviderProtocol {
+class AccessProvider : public AccessProviderProtocol {
   public:
     explicit AccessProvider(std::shared_ptr<const AccountDetails> environment);
 

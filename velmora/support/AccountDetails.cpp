@@ -1,4 +1,4 @@
-#include "velmora/core/AccountDetails.h"
+#include "velmora/support/AccountDetails.h"
 
 #include "velmora/platform/Base64.h"
 #include "velmora/platform/Utf8.h"

@@ -5,19 +5,18 @@
 #include <string>
 #include <string_view>
 
-#include "velmora/Export.h"
 #include "velmora/identity/Identity.h"
 #include "velmora/storage/AppStorable.h"
 
 namespace velmora {
 
-class VELMORA_EXPORT GUIDProvider {
+class GUIDProvider {
   public:
     virtual ~GUIDProvider() = default;
     virtual std::optional<std::string> guid() const = 0;
 };
 
-class VELMORA_EXPORT UserDetails : public GUIDProvider {
+class UserDetails : public GUIDProvider {
   public:
     // Empty text when no identity has been stored.
     virtual std::string uuid() const = 0;
@@ -26,7 +25,7 @@ class VELMORA_EXPORT UserDetails : public GUIDProvider {
 
 // Everything known about the current end user between launches, per app id: the identity, the installation
 // GUID (anonymous users), a UUID renewed with every new identity, the access token and the user id.
-class VELMORA_EXPORT IdentityStore : public AppStorable, public UserDetails {
+class IdentityStore : public AppStorable, public UserDetails {
   public:
     static constexpr std::string_view suite = "com.velmora.core.identity";
     static constexpr std::string_view identityKey = "identity";

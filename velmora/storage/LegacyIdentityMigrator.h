@@ -5,18 +5,17 @@
 #include <string>
 #include <string_view>
 
-#include "velmora/Export.h"
-#include "velmora/core/AccountDetails.h"
 #include "velmora/identity/Identity.h"
-#include "velmora/identity/IdentityStore.h"
 #include "velmora/platform/KeyedArchive.h"
+#include "velmora/storage/IdentityStore.h"
 #include "velmora/storage/SessionStore.h"
+#include "velmora/support/AccountDetails.h"
 
 namespace velmora {
 
 // The identity classes of the library's earlier generation. Their names are recorded in the archives that
 // generation left behind, so they are kept exactly.
-class VELMORA_EXPORT VMKIdentity {
+class VMKIdentity {
   public:
     virtual ~VMKIdentity() = default;
     virtual std::string_view className() const = 0;
@@ -28,7 +27,7 @@ class VELMORA_EXPORT VMKIdentity {
     static std::shared_ptr<VMKIdentity> unarchiveObjectWithData(const Data& archive);
 };
 
-class VELMORA_EXPORT VMKJwtIdentity : public VMKIdentity {
+class VMKJwtIdentity : public VMKIdentity {
   public:
     explicit VMKJwtIdentity(std::optional<std::string> jwtToken = std::nullopt)
         : token(std::move(jwtToken)) {}
@@ -40,7 +39,7 @@ class VELMORA_EXPORT VMKJwtIdentity : public VMKIdentity {
     std::optional<std::string> token;
 };
 
-class VELMORA_EXPORT VMKAnonymousIdentity : public VMKIdentity {
+class VMKAnonymousIdentity : public VMKIdentity {
   public:
     VMKAnonymousIdentity(std::optional<std::string> anonymousName, std::optional<std::string> anonymousEmail)
         : name(std::move(anonymousName)), email(std::move(anonymousEmail)) {}
@@ -57,7 +56,7 @@ class VELMORA_EXPORT VMKAnonymousIdentity : public VMKIdentity {
     std::optional<std::string> email;
 };
 
-class VELMORA_EXPORT IdentityMigration {
+class IdentityMigration {
   public:
     virtual ~IdentityMigration() = default;
     virtual std::optional<std::string> getMigratedJwtIdentifier() const = 0;
@@ -66,7 +65,7 @@ class VELMORA_EXPORT IdentityMigration {
 };
 
 // Reads the archived identity under "vmk-identity" in the standard user defaults as soon as it is made.
-class VELMORA_EXPORT VMKIdentityMigrator : public IdentityMigration {
+class VMKIdentityMigrator : public IdentityMigration {
   public:
     VMKIdentityMigrator() { runMigration(); }
 
@@ -81,7 +80,7 @@ class VELMORA_EXPORT VMKIdentityMigrator : public IdentityMigration {
 
 // Carries the identity, token, user id, push token and GUID of the earlier generation over to this one when
 // the identity being set is the one it had stored, and deletes that generation's data in every case.
-class VELMORA_EXPORT LegacyIdentityMigrator {
+class LegacyIdentityMigrator {
   public:
     static constexpr std::string_view identityKey = "vmk-identity";
     static constexpr std::string_view guidKey = "vmK-auth-guid";

@@ -11,11 +11,11 @@
 #include <nlohmann/json.hpp>
 
 #include "velmora/Export.h"
-#include "velmora/core/AccountDetails.h"
 #include "velmora/network/SharedHeaders.h"
 #include "velmora/platform/Data.h"
 #include "velmora/platform/Date.h"
 #include "velmora/platform/Result.h"
+#include "velmora/support/AccountDetails.h"
 
 namespace velmora {
 

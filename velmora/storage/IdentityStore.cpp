@@ -1,4 +1,4 @@
-#include "velmora/identity/IdentityStore.h"
+#include "velmora/storage/IdentityStore.h"
 
 #include "velmora/platform/Format.h"
 #include "velmora/platform/Uuid.h"

@@ -1,7 +1,8 @@
-#include "velmora/network/DefaultInterceptors.h"
+#include "velmora/settings/DefaultInterceptors.h"
 
-#include "velmora/identity/LoginInterceptors.h"
-#include "velmora/settings/Settings.h"
+#include "velmora/network/AccountInterceptors.h"
+#include "velmora/network/LoginInterceptors.h"
+#include "velmora/settings/SettingsRequestInterceptor.h"
 
 namespace velmora {
 

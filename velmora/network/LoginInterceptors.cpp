@@ -1,4 +1,4 @@
-#include "velmora/identity/LoginInterceptors.h"
+#include "velmora/network/LoginInterceptors.h"
 
 #include <mutex>
 

@@ -10,13 +10,14 @@
 #include <nlohmann/json.hpp>
 
 #include "velmora/Export.h"
-#include "velmora/core/AccountDetails.h"
 #include "velmora/network/Interceptors.h"
 #include "velmora/platform/Date.h"
 #include "velmora/platform/Result.h"
-#include "velmora/storage/SettingsStore.h"
+#include "velmora/support/AccountDetails.h"
 
 namespace velmora {
+
+class SettingsStore;
 
 enum class AuthenticationType { jwt, anonymous };
 
@@ -140,34 +141,8 @@ class VELMORA_EXPORT SettingsProvider : public SettingsProviderProtocol {
 
   private:
     std::shared_ptr<const AccountDetails> environment_;
-    SettingsStore settingsCache_;
+    std::shared_ptr<const SettingsStore> settingsCache_;
     IntervalValidator cachingLogic_;
-};
-
-// First of every ordinary request's interceptors: makes sure settings exist before the request leaves.
-class VELMORA_EXPORT SettingsRequestInterceptor : public RequestInterceptor {
-  public:
-    SettingsRequestInterceptor(SettingsStore settingsStore,
-                               std::shared_ptr<SettingsProviderProtocol> settingsProvider,
-                               IntervalValidator validator)
-        : settingsStore_(std::move(settingsStore)),
-          settingsProvider_(std::move(settingsProvider)),
-          validator_(validator) {}
-
-    // True without stored settings, and - inverted on purpose - while stored settings are still fresh, so
-    // that ordinary requests only go to the network for settings while none are stored.
-    bool needToFetchSettings() const;
-
-    Result<platform::URLRequest> intercept(Result<platform::URLRequest> request,
-                                           const platform::DispatchGroup& group) override;
-    std::string description() const override {
-        return "SettingsRequestInterceptor(appId: " + settingsStore_.appId() + ")";
-    }
-
-  private:
-    SettingsStore settingsStore_;
-    std::shared_ptr<SettingsProviderProtocol> settingsProvider_;
-    IntervalValidator validator_;
 };
 
 }  // namespace velmora

@@ -1,4 +1,4 @@
-#include "velmora/push/DeviceInfo.h"
+#include "velmora/blips/DeviceInfo.h"
 
 #include <algorithm>
 #include <cctype>

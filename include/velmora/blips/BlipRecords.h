@@ -7,10 +7,10 @@
 #include <nlohmann/json.hpp>
 
 #include "velmora/Export.h"
+#include "velmora/blips/DeviceInfo.h"
 #include "velmora/platform/Data.h"
 #include "velmora/platform/Date.h"
 #include "velmora/platform/Result.h"
-#include "velmora/push/DeviceInfo.h"
 
 namespace velmora {
 

@@ -4,12 +4,13 @@
 
 #include "velmora/Export.h"
 #include "velmora/blips/BlipRecords.h"
-#include "velmora/core/AccountDetails.h"
-#include "velmora/identity/IdentityStore.h"
 #include "velmora/platform/URL.h"
 #include "velmora/settings/Settings.h"
+#include "velmora/support/AccountDetails.h"
 
 namespace velmora {
+
+class UserDetails;
 
 // Sends analytics events as far as the account's stored settings permit: fire and forget, outcomes only
 // logged. Events need no authentication, so their chain has no login: sending one never logs in.

@@ -9,13 +9,13 @@
 #include <variant>
 
 #include "velmora/Export.h"
-#include "velmora/core/AccountDetails.h"
 #include "velmora/network/CachedResponses.h"
 #include "velmora/network/Interceptors.h"
 #include "velmora/network/SharedHeaders.h"
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Progress.h"
 #include "velmora/platform/URLRequest.h"
+#include "velmora/support/AccountDetails.h"
 
 namespace velmora {
 

@@ -8,15 +8,25 @@
 #include <string_view>
 
 #include "velmora/Export.h"
-#include "velmora/core/AccountDetails.h"
-#include "velmora/core/DeviceUnregistration.h"
-#include "velmora/core/Providers.h"
+#include "velmora/core/ProviderModule.h"
 #include "velmora/identity/Identity.h"
 #include "velmora/identity/ObjCIdentity.h"
-#include "velmora/storage/Stores.h"
+#include "velmora/support/AccountDetails.h"
 #include "velmora/support/ActionHandlerRegistry.h"
 
 namespace velmora {
+
+class CorePushUnregistrationContext;
+class Providers;
+class StoreModule;
+class Stores;
+
+// The previously installed instance, whose push token and push provider still belong to the old account.
+class VELMORA_EXPORT PushUnregistrationContextProvider {
+  public:
+    virtual ~PushUnregistrationContextProvider() = default;
+    virtual CorePushUnregistrationContext pushContext() const = 0;
+};
 
 // Posted on the default notification center on every read of the instance before initialize; the user info
 // carries the error text under the localized-description key.
@@ -54,8 +64,9 @@ class VELMORA_EXPORT Velmora : public PushUnregistrationContextProvider {
 
     CorePushUnregistrationContext pushContext() const override;
 
-    const StoreModule& storeModule() const { return *stores_; }
-    const ProviderModule& providerModule() const { return *providers_; }
+    // The stores are the library's own: kits inside it reach their type through its private headers.
+    const StoreModule& storeModule() const;
+    const ProviderModule& providerModule() const;
     const AccountDetails& accountDetails() const { return *application_; }
 
     // A copy; changes take effect when written back.

@@ -6,12 +6,9 @@
 #include <vector>
 
 #include "velmora/Export.h"
-#include "velmora/core/AccountDetails.h"
-#include "velmora/identity/IdentityStore.h"
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Result.h"
 #include "velmora/platform/URLRequest.h"
-#include "velmora/storage/SessionStore.h"
 
 namespace velmora {
 
@@ -44,33 +41,5 @@ struct VELMORA_EXPORT Interceptors {
 
 // A new serial queue for one request's chain: "com.velmora.core.interceptor-queue." and a fresh UUID.
 VELMORA_EXPORT platform::DispatchQueue interceptorQueue();
-
-// Sets "Client-Identifier" to the account's client id.
-class VELMORA_EXPORT ClientIdentifierInterceptor : public RequestInterceptor {
-  public:
-    explicit ClientIdentifierInterceptor(std::shared_ptr<const AccountDetails> accountDetails)
-        : accountDetails_(std::move(accountDetails)) {}
-    Result<platform::URLRequest> intercept(Result<platform::URLRequest> request,
-                                           const platform::DispatchGroup& group) override;
-    std::string description() const override;
-
-  private:
-    std::shared_ptr<const AccountDetails> accountDetails_;
-};
-
-// A 401 answer means the stored access is no longer good: the session and the identity are wiped, on
-// every chunk of such an answer.
-class VELMORA_EXPORT InvalidResponseInterceptor : public HTTPResponseInterceptor {
-  public:
-    explicit InvalidResponseInterceptor(const std::string& appId)
-        : sessionStore_(appId), identityStore_(appId) {}
-    void intercept(const std::optional<Data>& data,
-                   const std::shared_ptr<const platform::HTTPURLResponse>& response,
-                   const std::optional<Error>& error) override;
-
-  private:
-    SessionStore sessionStore_;
-    IdentityStore identityStore_;
-};
 
 }  // namespace velmora

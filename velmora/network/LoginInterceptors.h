@@ -3,16 +3,15 @@
 #include <memory>
 #include <string>
 
-#include "velmora/Export.h"
-#include "velmora/identity/AccessProvider.h"
-#include "velmora/identity/IdentityStore.h"
+#include "velmora/network/AccessProvider.h"
 #include "velmora/network/Interceptors.h"
+#include "velmora/storage/IdentityStore.h"
 
 namespace velmora {
 
 // Makes sure an access token exists: with none stored, performs the access call inside the chain, waits for
 // it, and stores what it returns. The call is made even after an earlier interceptor failed.
-class VELMORA_EXPORT LoginRequestInterceptor : public RequestInterceptor {
+class LoginRequestInterceptor : public RequestInterceptor {
   public:
     LoginRequestInterceptor(IdentityStore identityStore,
                             std::shared_ptr<AccessProviderProtocol> accessProvider)
@@ -30,7 +29,7 @@ class VELMORA_EXPORT LoginRequestInterceptor : public RequestInterceptor {
 };
 
 // Puts the stored token on the request as "Authorization: Bearer <token>".
-class VELMORA_EXPORT AuthRequestInterceptor : public RequestInterceptor {
+class AuthRequestInterceptor : public RequestInterceptor {
   public:
     explicit AuthRequestInterceptor(IdentityStore identityStore) : identityStore_(std::move(identityStore)) {}
 
@@ -46,7 +45,7 @@ class VELMORA_EXPORT AuthRequestInterceptor : public RequestInterceptor {
 
 // Puts a token read earlier on the request: for work on behalf of a user whose session is being cleared
 // while the request waits for its turn.
-class VELMORA_EXPORT BearerTokenInterceptor : public RequestInterceptor {
+class BearerTokenInterceptor : public RequestInterceptor {
   public:
     explicit BearerTokenInterceptor(std::string token) : token_(std::move(token)) {}
 

@@ -1,0 +1,48 @@
+# What `cmake --install` puts under the prefix: the library with its SONAME, the public headers, a CMake
+# package (find_package(VelmoraCore CONFIG) -> velmora::core) and a pkg-config file, each in the component
+# "core"; the command-line host ("cli") and the local account server ("mock") when they are built.
+include(CMakePackageConfigHelpers)
+
+set(VELMORA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/VelmoraCore)
+
+install(TARGETS velmora_core EXPORT VelmoraCoreTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT core NAMELINK_COMPONENT core
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT core
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT core)
+install(DIRECTORY include/velmora DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT core
+  FILES_MATCHING PATTERN "*.h")
+install(EXPORT VelmoraCoreTargets NAMESPACE velmora:: DESTINATION ${VELMORA_CMAKE_DIR} COMPONENT core)
+
+foreach(tool IN ITEMS cli mock)
+  set(target velmora-${tool})
+  if(TARGET ${target})
+    set_target_properties(${target} PROPERTIES EXPORT_NAME ${tool})
+    install(TARGETS ${target} EXPORT VelmoraCore-${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+      COMPONENT ${tool})
+    install(EXPORT VelmoraCore-${tool} NAMESPACE velmora:: DESTINATION ${VELMORA_CMAKE_DIR}
+      COMPONENT ${tool})
+  endif()
+endforeach()
+
+# A static library brings its private dependencies to the consumer's link.
+set(VELMORA_PC_REQUIRES_PRIVATE "libcurl sqlite3 libplist-2.0")
+if(BUILD_SHARED_LIBS)
+  set(VELMORA_STATIC_DEPENDENCIES "")
+else()
+  set(VELMORA_STATIC_DEPENDENCIES [=[
+find_dependency(SQLite3)
+find_dependency(CURL)
+find_dependency(PkgConfig)
+pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)]=])
+endif()
+
+configure_package_config_file(cmake/VelmoraCoreConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/VelmoraCoreConfig.cmake INSTALL_DESTINATION ${VELMORA_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/VelmoraCoreConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/VelmoraCoreConfig.cmake ${PROJECT_BINARY_DIR}/VelmoraCoreConfigVersion.cmake
+  DESTINATION ${VELMORA_CMAKE_DIR} COMPONENT core)
+
+configure_file(cmake/velmora-core.pc.in ${PROJECT_BINARY_DIR}/velmora-core.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/velmora-core.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+  COMPONENT core)
