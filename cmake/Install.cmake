@@ -16,7 +16,8 @@ install(EXPORT VelmoraCoreTargets NAMESPACE velmora:: DESTINATION ${VELMORA_CMAK
 foreach(tool IN ITEMS cli mock)
   set(target velmora-${tool})
   if(TARGET ${target})
-    set_target_properties(${target} PROPERTIES EXPORT_NAME ${tool})
+    # Installed next to the library: found through the prefix, wherever it is.
+    set_target_properties(${target} PROPERTIES EXPORT_NAME ${tool} INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
     install(TARGETS ${target} EXPORT VelmoraCore-${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
       COMPONENT ${tool})
     install(EXPORT VelmoraCore-${tool} NAMESPACE velmora:: DESTINATION ${VELMORA_CMAKE_DIR}
@@ -43,6 +44,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/VelmoraCoreConfigVersion.
 install(FILES ${PROJECT_BINARY_DIR}/VelmoraCoreConfig.cmake ${PROJECT_BINARY_DIR}/VelmoraCoreConfigVersion.cmake
   DESTINATION ${VELMORA_CMAKE_DIR} COMPONENT core)
 
+file(RELATIVE_PATH VELMORA_PC_PREFIX_FROM_PCDIR /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/velmora-core.pc.in ${PROJECT_BINARY_DIR}/velmora-core.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/velmora-core.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
   COMPONENT core)

@@ -2,6 +2,7 @@
 
 // Everything a host application needs: the facade and its providers, the identity types, the logger and the
 // executor switch.
+#include "velmora/Errors.h"
 #include "velmora/core/Velmora.h"
 #include "velmora/identity/Identity.h"
 #include "velmora/identity/ObjCIdentity.h"

@@ -35,6 +35,9 @@ TEST_F(CoreLoggerTest, TheSwitchAndTheThresholdDecideWhatIsEmitted) {
     logEveryLevel();
     EXPECT_EQ(logs->lines(),
               (std::vector<std::string>{"[ERROR]: e", "[WARNING]: w", "[INFO]: i", "[DEBUG]: d"}));
+    EXPECT_EQ(logs->levels(),
+              (std::vector<LogLevel>{LogLevel::error, LogLevel::warn, LogLevel::info, LogLevel::debug}))
+        << "the host's sink gets each line's level as a value";
 
     logs->clear();
     CoreLogger::setLogLevel(LogLevel::error);
@@ -45,6 +48,7 @@ TEST_F(CoreLoggerTest, TheSwitchAndTheThresholdDecideWhatIsEmitted) {
     CoreLogger::setLogLevel(LogLevel::verbose);
     logEveryLevel();
     EXPECT_EQ(logs->lines().back(), "[VERBOSE]: v");
+    EXPECT_EQ(logs->levels().back(), LogLevel::verbose);
 }
 
 TEST_F(CoreLoggerTest, MessagesArePrintedLiterallyAndLevelsComeOnlyFromZeroToFour) {
@@ -93,7 +97,7 @@ TEST_F(CoreLoggerTest, SwitchesAndSinksMayChangeWhileOtherThreadsLog) {
     for (int i = 0; i < 300; ++i) {
         CoreLogger::setEnabled(i % 2 == 0);
         CoreLogger::setLogLevel(i % 3 == 0 ? LogLevel::error : LogLevel::verbose);
-        LoggerConfig::setLogger(std::make_shared<CapturingLogger>(logs));
+        LoggerConfig::setLogger(std::make_shared<ConsoleLogger>());
     }
     stop = true;
     for (auto& thread : loggers) {

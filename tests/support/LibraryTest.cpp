@@ -26,14 +26,15 @@ LibraryTest::LibraryTest() {
     std::filesystem::create_directories(*environment.documentsDirectory);
     reinstallEnvironment();
 
-    LoggerConfig::setLogger(std::make_shared<CapturingLogger>(logs));
     CoreLogger::setLogLevel(LogLevel::debug);
     CoreLogger::setEnabled(true);
 }
 
 void LibraryTest::reinstallEnvironment() {
     auto capture = logs;
-    environment.logSink = [capture](std::string_view line) { capture->append(std::string(line)); };
+    environment.logSink = [capture](LogLevel level, std::string_view line) {
+        capture->append(level, std::string(line));
+    };
     platform::Environment::install(environment);
 }
 

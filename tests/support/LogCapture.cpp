@@ -2,12 +2,11 @@
 
 #include <algorithm>
 
-#include "velmora/platform/Format.h"
-
 namespace velmora::testing {
 
-void LogCapture::append(std::string line) {
+void LogCapture::append(LogLevel level, std::string line) {
     std::lock_guard lock(mutex_);
+    levels_.push_back(level);
     lines_.push_back(std::move(line));
     changed_.notify_all();
 }
@@ -15,6 +14,11 @@ void LogCapture::append(std::string line) {
 std::vector<std::string> LogCapture::lines() const {
     std::lock_guard lock(mutex_);
     return lines_;
+}
+
+std::vector<LogLevel> LogCapture::levels() const {
+    std::lock_guard lock(mutex_);
+    return levels_;
 }
 
 std::size_t LogCapture::count(std::string_view line) const {
@@ -36,6 +40,7 @@ std::vector<std::string> LogCapture::linesStartingWith(std::string_view prefix) 
 void LogCapture::clear() {
     std::lock_guard lock(mutex_);
     lines_.clear();
+    levels_.clear();
 }
 
 bool LogCapture::waitFor(std::string_view line, std::size_t times, std::chrono::milliseconds timeout) const {
@@ -43,11 +48,6 @@ bool LogCapture::waitFor(std::string_view line, std::size_t times, std::chrono::
     return changed_.wait_for(lock, timeout, [&] {
         return static_cast<std::size_t>(std::count(lines_.begin(), lines_.end(), line)) >= times;
     });
-}
-
-void CapturingLogger::log(std::string_view format, std::string_view string) {
-    const std::string arguments[] = {std::string(string)};
-    capture_->append(platform::formatArguments(format, arguments));
 }
 
 }  // namespace velmora::testing

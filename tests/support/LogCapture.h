@@ -12,13 +12,15 @@
 
 namespace velmora::testing {
 
-// Collects log lines in memory so tests can assert them exactly: the logger's output ("[DEBUG]: text") and
-// the platform log's ("Fatal error: ...", dispatch reports). Thread-safe.
+// Collects what reaches the environment's log sink, so tests can assert it exactly: the logger's output
+// ("[DEBUG]: text") and the platform log's ("Fatal error: ...", dispatch reports), with their levels.
+// Thread-safe.
 class LogCapture {
   public:
-    void append(std::string line);
+    void append(LogLevel level, std::string line);
 
     std::vector<std::string> lines() const;
+    std::vector<LogLevel> levels() const;
     bool contains(std::string_view line) const { return count(line) > 0; }
     std::size_t count(std::string_view line) const;
     // Lines that start with `prefix`.
@@ -32,16 +34,7 @@ class LogCapture {
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<std::string> lines_;
-};
-
-// The logger sink tests install: formats like the console does and appends to a LogCapture.
-class CapturingLogger : public LoggerType {
-  public:
-    explicit CapturingLogger(std::shared_ptr<LogCapture> capture) : capture_(std::move(capture)) {}
-    void log(std::string_view format, std::string_view string) override;
-
-  private:
-    std::shared_ptr<LogCapture> capture_;
+    std::vector<LogLevel> levels_;
 };
 
 }  // namespace velmora::testing

@@ -1,5 +1,6 @@
 #include "velmora/blips/BlipRecords.h"
 
+#include "velmora/Errors.h"
 #include "velmora/support/DateStringParser.h"
 
 namespace velmora {
@@ -90,7 +91,8 @@ Result<Data> BlipRequest::data() const {
     try {
         return Result<Data>::success(Data::fromString(toJson().dump()));
     } catch (const nlohmann::json::exception& e) {
-        return Result<Data>::error(Error::withDescription("NSCocoaErrorDomain", 4866, e.what()));
+        return Result<Data>::error(
+            Error::withDescription(std::string(errors::decodingDomain), errors::encodingFailed, e.what()));
     }
 }
 

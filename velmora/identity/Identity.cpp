@@ -1,5 +1,6 @@
 #include "velmora/identity/Identity.h"
 
+#include "velmora/Errors.h"
 #include "velmora/support/JsonReading.h"
 #include "velmora/support/LibraryError.h"
 
@@ -36,7 +37,7 @@ std::optional<Jwt> decodeJwt(const nlohmann::json& json) {
 }  // namespace
 
 Error toError(Identity::IdentityError error) {
-    return libraryError("Identity.IdentityError", error, std::nullopt);
+    return libraryError(errors::identityDomain, error, std::nullopt);
 }
 
 void to_json(nlohmann::json& json, const Jwt& jwt) {
@@ -68,7 +69,8 @@ Result<Data> Identity::encode() const {
     try {
         return Result<Data>::success(Data::fromString(toJson().dump()));
     } catch (const nlohmann::json::exception& e) {
-        return Result<Data>::error(Error::withDescription("NSCocoaErrorDomain", 4866, e.what()));
+        return Result<Data>::error(
+            Error::withDescription(std::string(errors::decodingDomain), errors::encodingFailed, e.what()));
     }
 }
 
@@ -92,7 +94,7 @@ Result<Identity> Identity::decode(const Data& data) {
     auto json = nlohmann::json::parse(data.view(), nullptr, false);
     if (json.is_discarded()) {
         return Result<Identity>::error(Error::withDescription(
-            "NSCocoaErrorDomain", 3840,
+            std::string(errors::decodingDomain), errors::notJson,
             "The data couldn\u2019t be read because it isn\u2019t in the correct format."));
     }
     return fromJson(json);

@@ -1,11 +1,12 @@
 #include "velmora/identity/ObjCIdentity.h"
 
+#include "velmora/Errors.h"
 #include "velmora/support/LibraryError.h"
 
 namespace velmora {
 
 Error toError(ObjCIdentityError error) {
-    return libraryError("ObjCIdentityError", error, std::nullopt);
+    return libraryError(errors::objCIdentityDomain, error, std::nullopt);
 }
 
 Result<Identity> VMKObjCIdentity::unwrap() const {

@@ -2,6 +2,7 @@
 
 #include <limits>
 
+#include "velmora/Errors.h"
 #include "velmora/network/AccountInterceptors.h"
 #include "velmora/network/NetworkClient.h"
 #include "velmora/support/CoreLogger.h"
@@ -13,7 +14,7 @@ namespace velmora {
 using nlohmann::json;
 
 Error toError(Authentication::AuthenticationError error) {
-    return libraryError("Authentication.AuthenticationError", error, std::nullopt);
+    return libraryError(errors::authenticationDomain, error, std::nullopt);
 }
 
 std::optional<std::int64_t> parseDecimalInt64(std::string_view text) {
@@ -127,7 +128,7 @@ void AccessProvider::getAccess(std::function<void(Result<Access>)> callback) {
     const auto identity = identityStore_.identity();
     if (!identity) {
         CoreLogger::error("Login error : No identity, aborting access call");
-        callback(Result<Access>::error(Error("com.velmora.core.access", 100)));
+        callback(Result<Access>::error(Error(std::string(errors::accessDomain), errors::noIdentity)));
         return;
     }
     // Its own one-interceptor chain: the login interceptor must not call itself, and a 401 from the access
@@ -151,7 +152,7 @@ void AccessProvider::getAccess(std::function<void(Result<Access>)> callback) {
                 return;
             }
             json info = json::object();
-            info["HTTP Status code"] = response ? response->statusCode() : 0;
+            info[std::string(errors::httpStatusCodeKey)] = response ? response->statusCode() : 0;
             info[std::string(Error::localizedDescriptionKey)] =
                 response ? platform::HTTPURLResponse::localizedString(response->statusCode())
                          : "Default error description";
@@ -163,7 +164,8 @@ void AccessProvider::getAccess(std::function<void(Result<Access>)> callback) {
                     }
                 }
             }
-            callback(Result<Access>::error(Error("com.velmora.sdk.core", 1000, std::move(info))));
+            callback(Result<Access>::error(
+                Error(std::string(errors::coreDomain), errors::accessFailed, std::move(info))));
         });
 }
 

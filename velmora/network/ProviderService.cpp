@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "velmora/Errors.h"
 #include "velmora/network/NetworkClient.h"
 #include "velmora/network/PendingRequests.h"
 #include "velmora/platform/Fatal.h"
@@ -9,7 +10,7 @@
 namespace velmora {
 
 Error toError(const SDKError&) {
-    return Error("VelmoraCoreSDK.SDKError", 1);
+    return Error(std::string(errors::sdkDomain), 1);
 }
 
 platform::URL resourceURL(const std::string& accountUrl, std::string_view path) {

@@ -21,9 +21,10 @@ void runBlock(const std::function<void()>& block, const std::string& label) {
     try {
         block();
     } catch (const std::exception& e) {
-        systemLogLine(format("Uncaught exception in a block on queue %@: %@", label, e.what()));
+        systemLogLine(LogLevel::error,
+                      format("Uncaught exception in a block on queue %@: %@", label, e.what()));
     } catch (...) {
-        systemLogLine(format("Uncaught exception in a block on queue %@", label));
+        systemLogLine(LogLevel::error, format("Uncaught exception in a block on queue %@", label));
     }
 }
 
@@ -102,10 +103,10 @@ class GlobalPool {
         if (threads_ >= cap_) {
             if (!capReported_) {
                 capReported_ = true;
-                systemLogLine(
-                    format("DispatchQueue: the global pool reached its cap of %@ threads; "
-                           "blocks wait for a free worker",
-                           cap_));
+                systemLogLine(LogLevel::warn,
+                              format("DispatchQueue: the global pool reached its cap of %@ threads; "
+                                     "blocks wait for a free worker",
+                                     cap_));
             }
             return;
         }
@@ -357,10 +358,10 @@ void DispatchQueue::sync(const std::function<void()>& block) const {
         return;
     }
     if (isCurrent()) {
-        systemLogLine(
-            format("DispatchQueue: sync onto %@ from a block already running on it would deadlock; "
-                   "running the block in place",
-                   state_->label));
+        systemLogLine(LogLevel::warn,
+                      format("DispatchQueue: sync onto %@ from a block already running on it would deadlock; "
+                             "running the block in place",
+                             state_->label));
         block();
         return;
     }
@@ -406,7 +407,7 @@ void DispatchGroup::leave() const {
     {
         std::lock_guard lock(state_->mutex);
         if (state_->count == 0) {
-            systemLogLine("DispatchGroup: leave() without a matching enter() ignored");
+            systemLogLine(LogLevel::error, "DispatchGroup: leave() without a matching enter() ignored");
             return;
         }
         if (--state_->count > 0) {

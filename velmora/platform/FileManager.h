@@ -5,6 +5,7 @@
 #include <optional>
 #include <vector>
 
+#include "velmora/Errors.h"
 #include "velmora/platform/Error.h"
 #include "velmora/platform/Result.h"
 
@@ -19,7 +20,7 @@ struct FileSystemSpace {
 class FileManager {
   public:
     // Errors carry the POSIX errno as their code in this domain.
-    static constexpr std::string_view errorDomain = "NSPOSIXErrorDomain";
+    static constexpr std::string_view errorDomain = errors::posixDomain;
 
     // The entries of a directory, without hidden ones (names starting with a dot), in no set order.
     static Result<std::vector<std::filesystem::path>> contentsOfDirectory(

@@ -45,22 +45,22 @@ void writeToStandardError(const std::string& process, std::string_view message) 
 
 }  // namespace
 
-void systemLogLine(std::string_view message) {
+void systemLogLine(LogLevel level, std::string_view message) {
     const auto env = Environment::current();
     if (env->logSink) {
-        env->logSink(message);
+        env->logSink(level, message);
     } else {
         writeToStandardError(env->applicationDomainName, message);
     }
 }
 
-void systemLog(std::string_view format, std::string_view argument) {
+void systemLog(LogLevel level, std::string_view format, std::string_view argument) {
     const std::string arguments[] = {std::string(argument)};
-    systemLogLine(formatArguments(format, arguments));
+    systemLogLine(level, formatArguments(format, arguments));
 }
 
 void fatalError(std::string_view message) {
-    systemLogLine(std::string("Fatal error: ") + std::string(message));
+    systemLogLine(LogLevel::error, std::string("Fatal error: ") + std::string(message));
     std::abort();
 }
 

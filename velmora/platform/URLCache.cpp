@@ -66,7 +66,7 @@ bool URLCache::openDisk() {
         return false;
     }
     if (auto error = FileManager::createDirectory(*directory_, std::filesystem::perms::owner_all)) {
-        systemLogLine("URLCache: no disk cache: " + error->localizedDescription());
+        systemLogLine(LogLevel::error, "URLCache: no disk cache: " + error->localizedDescription());
         return false;
     }
     const auto file = *directory_ / "Cache.db";
@@ -79,8 +79,8 @@ bool URLCache::openDisk() {
             SQLITE_OK ||
         sqlite3_exec(disk_, schema, nullptr, nullptr, nullptr) != SQLITE_OK) {
         // A damaged cache is only a cache: start it again rather than do without.
-        systemLogLine("URLCache: starting an empty disk cache: " +
-                      std::string(disk_ ? sqlite3_errmsg(disk_) : "cannot open"));
+        systemLogLine(LogLevel::error, "URLCache: starting an empty disk cache: " +
+                                           std::string(disk_ ? sqlite3_errmsg(disk_) : "cannot open"));
         sqlite3_close_v2(disk_);
         disk_ = nullptr;
         std::error_code ignored;

@@ -398,7 +398,8 @@ struct URLSession::Engine {
                                                      }
                                                  });
             if (!answered) {
-                systemLogLine("URLSession: the delegate did not answer willCacheResponse; nothing cached");
+                systemLogLine(LogLevel::warn,
+                              "URLSession: the delegate did not answer willCacheResponse; nothing cached");
             }
         }
         session.delegate_->didComplete(session, *transfer.task, error);

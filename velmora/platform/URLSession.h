@@ -6,6 +6,7 @@
 #include <mutex>
 #include <optional>
 
+#include "velmora/Errors.h"
 #include "velmora/platform/Error.h"
 #include "velmora/platform/URLCache.h"
 #include "velmora/platform/URLRequest.h"
@@ -16,18 +17,18 @@ class URLSession;
 
 // Errors of the URL loading system, with the platform's codes.
 struct URLError {
-    static constexpr std::string_view domain = "NSURLErrorDomain";
-    static constexpr int unknown = -1;
-    static constexpr int cancelled = -999;
-    static constexpr int badURL = -1000;
-    static constexpr int timedOut = -1001;
-    static constexpr int cannotFindHost = -1003;
-    static constexpr int cannotConnectToHost = -1004;
-    static constexpr int networkConnectionLost = -1005;
-    static constexpr int httpTooManyRedirects = -1007;
-    static constexpr int badServerResponse = -1011;
-    static constexpr int secureConnectionFailed = -1200;
-    static constexpr int serverCertificateUntrusted = -1202;
+    static constexpr std::string_view domain = errors::urlDomain;
+    static constexpr int unknown = errors::url::unknown;
+    static constexpr int cancelled = errors::url::cancelled;
+    static constexpr int badURL = errors::url::badURL;
+    static constexpr int timedOut = errors::url::timedOut;
+    static constexpr int cannotFindHost = errors::url::cannotFindHost;
+    static constexpr int cannotConnectToHost = errors::url::cannotConnectToHost;
+    static constexpr int networkConnectionLost = errors::url::networkConnectionLost;
+    static constexpr int httpTooManyRedirects = errors::url::httpTooManyRedirects;
+    static constexpr int badServerResponse = errors::url::badServerResponse;
+    static constexpr int secureConnectionFailed = errors::url::secureConnectionFailed;
+    static constexpr int serverCertificateUntrusted = errors::url::serverCertificateUntrusted;
 
     static Error make(int code, const std::string& failingUrl, const std::string& detail = {});
 };

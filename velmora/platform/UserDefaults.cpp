@@ -25,7 +25,7 @@ class DefaultsDatabase {
   public:
     explicit DefaultsDatabase(std::optional<fs::path> file) : file_(std::move(file)) {
         if (!file_) {
-            systemLogLine("UserDefaults: no data directory; values are kept in memory only");
+            systemLogLine(LogLevel::warn, "UserDefaults: no data directory; values are kept in memory only");
             return;
         }
         std::lock_guard connection(connectionMutex_);
@@ -117,8 +117,8 @@ class DefaultsDatabase {
             return true;
         }
         if (!isCorruption(code)) {
-            systemLogLine(
-                format("UserDefaults: writing %@ failed: %@", file_->string(), sqlite3_errstr(code)));
+            systemLogLine(LogLevel::error, format("UserDefaults: writing %@ failed: %@", file_->string(),
+                                                  sqlite3_errstr(code)));
             return false;
         }
         moveAside(sqlite3_errstr(code));
@@ -132,7 +132,8 @@ class DefaultsDatabase {
     bool openConnection(bool load) {
         std::error_code ignored;
         if (auto error = FileManager::createDirectory(file_->parent_path(), fs::perms::owner_all)) {
-            systemLogLine("UserDefaults: cannot create the data directory: " + error->localizedDescription());
+            systemLogLine(LogLevel::error,
+                          "UserDefaults: cannot create the data directory: " + error->localizedDescription());
             return false;
         }
         // Created by hand so that the file never exists, even briefly, with wider permissions.
@@ -155,7 +156,8 @@ class DefaultsDatabase {
             }
             const std::string reason = db_ != nullptr ? sqlite3_errmsg(db_) : sqlite3_errstr(code);
             if (!isCorruption(code) || attempt > 0) {
-                systemLogLine(format("UserDefaults: cannot open %@: %@", file_->string(), reason));
+                systemLogLine(LogLevel::error,
+                              format("UserDefaults: cannot open %@: %@", file_->string(), reason));
                 closeConnection();
                 return false;
             }
@@ -181,10 +183,12 @@ class DefaultsDatabase {
             std::error_code ignored;
             fs::rename(file_->string() + suffix, aside.string() + suffix, ignored);
         }
-        systemLogLine(format(
-            "UserDefaults error: %@ is not a valid database (%@); moved it to %@ and started "
-            "an empty one",
-            file_->string(), reason, error ? std::string("nowhere: ") + error.message() : aside.string()));
+        systemLogLine(
+            LogLevel::error,
+            format("UserDefaults error: %@ is not a valid database (%@); moved it to %@ and started "
+                   "an empty one",
+                   file_->string(), reason,
+                   error ? std::string("nowhere: ") + error.message() : aside.string()));
         if (error) {
             fs::remove(*file_, error);
         }
@@ -218,7 +222,8 @@ class DefaultsDatabase {
                              static_cast<std::size_t>(sqlite3_column_bytes(statement, 2)));
             auto value = decodeBinaryPropertyList(bytes);
             if (suite == nullptr || key == nullptr || !value) {
-                systemLogLine(format("UserDefaults: skipped an unreadable value in %@", file_->string()));
+                systemLogLine(LogLevel::error,
+                              format("UserDefaults: skipped an unreadable value in %@", file_->string()));
                 continue;
             }
             loaded[suite].values.insert_or_assign(key, std::move(*value));

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "velmora/Errors.h"
 #include "velmora/network/AccountInterceptors.h"
 #include "velmora/network/LoginInterceptors.h"
 #include "velmora/platform/Format.h"
@@ -89,10 +90,10 @@ void PushRegistrationProvider::registerIdentifier(const std::string& identifier,
                      const std::optional<Error>& error) {
             using R = Result<PushRegistrationResponse>;
             if (response && (response->statusCode() < 200 || response->statusCode() > 299)) {
-                callback(R::error(Error("com.velmora.sdk.core", 2000,
+                callback(R::error(Error(std::string(errors::coreDomain), errors::pushRegistrationFailed,
                                         {{std::string(Error::localizedDescriptionKey),
                                           platform::HTTPURLResponse::localizedString(response->statusCode())},
-                                         {"HTTP Status code", response->statusCode()}})));
+                                         {std::string(errors::httpStatusCodeKey), response->statusCode()}})));
                 return;
             }
             if (error) {
@@ -100,7 +101,7 @@ void PushRegistrationProvider::registerIdentifier(const std::string& identifier,
                 return;
             }
             if (!data) {
-                callback(R::error(Error("com.velmora.sdk.core", 2000)));
+                callback(R::error(Error(std::string(errors::coreDomain), errors::pushRegistrationFailed)));
                 return;
             }
             auto decoded = PushRegistrationResponse::decode(*data);

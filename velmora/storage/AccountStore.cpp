@@ -1,11 +1,12 @@
 #include "velmora/storage/AccountStore.h"
 
+#include "velmora/Errors.h"
 #include "velmora/support/LibraryError.h"
 
 namespace velmora {
 
 Error toError(AccountStoreError error) {
-    return libraryError("AccountStoreError", error, std::nullopt);
+    return libraryError(errors::accountStoreDomain, error, std::nullopt);
 }
 
 bool AccountStore::storedAccount(const AccountDetails& details) const {

@@ -1,5 +1,6 @@
 #include "velmora/storage/CacheDirectoryManager.h"
 
+#include "velmora/Errors.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/FileManager.h"
 #include "velmora/support/CoreLogger.h"
@@ -9,7 +10,7 @@ namespace velmora {
 
 Error toError(CacheManagerError error) {
     return libraryError(
-        "CacheManagerError", error,
+        errors::cacheManagerDomain, error,
         "Cache director URL is nil. NSSearchPathForDirectoriesInDomains may have returned nil.");
 }
 

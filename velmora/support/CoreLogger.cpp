@@ -21,6 +21,24 @@ SinkSlot& sinkSlot() {
     return *slot;
 }
 
+// The fixed format of each level, in the order of the levels' raw values.
+constexpr std::string_view formats[] = {"[ERROR]: %@", "[WARNING]: %@", "[INFO]: %@", "[DEBUG]: %@",
+                                        "[VERBOSE]: %@"};
+
+std::string_view formatOf(LogLevel level) {
+    return formats[static_cast<int>(level)];
+}
+
+// A format of the logger's own names its level; any other (a kit's) is informational.
+LogLevel levelOfFormat(std::string_view format) {
+    for (int raw = 0; raw <= static_cast<int>(LogLevel::verbose); ++raw) {
+        if (formats[raw] == format) {
+            return static_cast<LogLevel>(raw);
+        }
+    }
+    return LogLevel::info;
+}
+
 }  // namespace
 
 std::optional<LogLevel> logLevelFromRawValue(int rawValue) {
@@ -31,7 +49,7 @@ std::optional<LogLevel> logLevelFromRawValue(int rawValue) {
 }
 
 void ConsoleLogger::log(std::string_view format, std::string_view string) {
-    platform::systemLog(format, string);
+    platform::systemLog(levelOfFormat(format), format, string);
 }
 
 std::shared_ptr<LoggerType> LoggerConfig::logger() {
@@ -49,26 +67,26 @@ void LoggerConfig::setLogger(std::shared_ptr<LoggerType> logger) {
     slot.logger = std::move(logger);
 }
 
-void CoreLogger::emit(LogLevel level, std::string_view format, std::string_view message) {
+void CoreLogger::emit(LogLevel level, std::string_view message) {
     if (isLogging(level)) {
-        LoggerConfig::logger()->log(format, message);
+        LoggerConfig::logger()->log(formatOf(level), message);
     }
 }
 
 void CoreLogger::error(std::string_view message) {
-    emit(LogLevel::error, "[ERROR]: %@", message);
+    emit(LogLevel::error, message);
 }
 void CoreLogger::warn(std::string_view message) {
-    emit(LogLevel::warn, "[WARNING]: %@", message);
+    emit(LogLevel::warn, message);
 }
 void CoreLogger::info(std::string_view message) {
-    emit(LogLevel::info, "[INFO]: %@", message);
+    emit(LogLevel::info, message);
 }
 void CoreLogger::debug(std::string_view message) {
-    emit(LogLevel::debug, "[DEBUG]: %@", message);
+    emit(LogLevel::debug, message);
 }
 void CoreLogger::verbose(std::string_view message) {
-    emit(LogLevel::verbose, "[VERBOSE]: %@", message);
+    emit(LogLevel::verbose, message);
 }
 
 void CoreLogger::log(LogLevel level, const std::function<void()>& loggingBlock) {

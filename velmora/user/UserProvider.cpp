@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "velmora/Errors.h"
 #include "velmora/settings/DefaultInterceptors.h"
 #include "velmora/support/DateStringParser.h"
 #include "velmora/support/DecodingError.h"
@@ -317,7 +318,7 @@ void UserProvider::send(std::string_view path, HttpMethod method, std::optional<
             if (error) {
                 callback(Result<T>::error(*error));
             } else if (!data) {
-                callback(Result<T>::error(Error("com.velmora.sdk.core", 3000)));
+                callback(Result<T>::error(Error(std::string(errors::coreDomain), errors::userNoData)));
             } else {
                 callback(decode(*data));
             }

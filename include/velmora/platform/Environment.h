@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "velmora/Export.h"
+#include "velmora/platform/LogLevel.h"
 
 namespace velmora::platform {
 
@@ -15,8 +16,10 @@ class DeviceFacts;
 
 // Runs a block on the host's main thread (a Qt event loop, an Android looper...). Must not run it inline.
 using MainExecutor = std::function<void(std::function<void()>)>;
-// Receives each line of the platform log, without a trailing newline.
-using LogSink = std::function<void(std::string_view message)>;
+// Receives each line of the library's log with its level, without a trailing newline and without a time
+// stamp: the logger's messages ("[DEBUG]: ..."), the platform's own reports and fatal errors. Called on the
+// thread that logs; it must not block for long and must not throw.
+using LogSink = std::function<void(LogLevel level, std::string_view line)>;
 
 // How the URL session reaches the network.
 struct HTTPOptions {
@@ -40,7 +43,8 @@ struct VELMORA_EXPORT Environment {
     std::optional<std::filesystem::path> documentsDirectory;
     // Empty: the main queue runs on one thread the library owns.
     MainExecutor mainExecutor;
-    // Empty: each line goes to standard error with a time stamp and the process and thread ids.
+    // The one place the host receives the library's log. Empty: each line goes to standard error with a
+    // time stamp and the process and thread ids.
     LogSink logSink;
     // Empty: facts read from the Linux kernel and the process's locale.
     std::shared_ptr<const DeviceFacts> deviceFacts;

@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "velmora/Errors.h"
 #include "velmora/Export.h"
 #include "velmora/network/Interceptors.h"
 #include "velmora/platform/Date.h"
@@ -75,7 +76,7 @@ template <DecodableDefault T>
 Result<T> decodeSettings(const Data& data) {
     const auto document = nlohmann::json::parse(data.view(), nullptr, false);
     if (document.is_discarded()) {
-        return Result<T>::error(Error("NSCocoaErrorDomain", 4864));
+        return Result<T>::error(Error(std::string(errors::decodingDomain), errors::dataCorrupted));
     }
     return T::fromJson(document);
 }

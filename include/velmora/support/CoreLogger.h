@@ -7,23 +7,25 @@
 #include <string_view>
 
 #include "velmora/Export.h"
+#include "velmora/platform/LogLevel.h"
 
 namespace velmora {
 
-// Least to most verbose.
-enum class LogLevel : int { error = 0, warn = 1, info = 2, debug = 3, verbose = 4 };
+using LogLevel = platform::LogLevel;
 
 // The level for a raw value, or nothing outside 0...4.
 VELMORA_EXPORT std::optional<LogLevel> logLevelFromRawValue(int rawValue);
 
-// Where the logger's output goes. `format` holds exactly one "%@", for `string`.
+// Where the logger's output goes. `format` holds exactly one "%@", for `string`. Hosts receive the log
+// through the environment's log sink, which also gets the level; a LoggerType replaces the formatting
+// itself, for kits that forward the logger's messages elsewhere.
 class VELMORA_EXPORT LoggerType {
   public:
     virtual ~LoggerType() = default;
     virtual void log(std::string_view format, std::string_view string) = 0;
 };
 
-// The default sink: one line through the platform log per message.
+// The default sink: one line through the platform log per message, at the level its format's tag names.
 class VELMORA_EXPORT ConsoleLogger : public LoggerType {
   public:
     void log(std::string_view format, std::string_view string) override;
@@ -62,7 +64,7 @@ class VELMORA_EXPORT CoreLogger {
     }
 
   private:
-    static void emit(LogLevel level, std::string_view format, std::string_view message);
+    static void emit(LogLevel level, std::string_view message);
 
     static std::atomic<bool> enabled_;
     static std::atomic<int> level_;
