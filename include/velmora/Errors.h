@@ -44,6 +44,8 @@ inline constexpr std::int64_t httpTooManyRedirects = -1007;
 inline constexpr std::int64_t badServerResponse = -1011;
 inline constexpr std::int64_t secureConnectionFailed = -1200;
 inline constexpr std::int64_t serverCertificateUntrusted = -1202;
+// A redirect from https to http: never followed.
+inline constexpr std::int64_t secureConnectionRequired = -1022;
 }  // namespace url
 
 // File-system failures; the code is the errno value.

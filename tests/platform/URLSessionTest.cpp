@@ -138,26 +138,91 @@ TEST_F(URLSessionTest, SessionHeadersGoOnEveryRequestUnlessTheRequestSetsItsOwn)
     EXPECT_EQ(server.requests("GET", "/after").at(0).header("Cookie"), std::nullopt);
 }
 
-TEST_F(URLSessionTest, RedirectsKeepAuthorizationWithinTheOriginAndDropItElsewhere) {
+// Credentials and bodies stay at the origin they were meant for: what each server received, per redirect.
+TEST_F(URLSessionTest, RedirectsCarryCredentialsAndBodiesOnlyWithinTheirOrigin) {
     AccountServer elsewhere;
-    server.script("GET", "/same", {.status = 302, .headers = {{"Location", server.url() + "/landing"}}});
-    server.script("GET", "/away", {.status = 302, .headers = {{"Location", elsewhere.url() + "/landing"}}});
-    server.script("GET", "/landing", {.status = 200, .body = "here"});
-    elsewhere.script("GET", "/landing", {.status = 200, .body = "there"});
+    struct Case {
+        std::string method;
+        int status;
+        bool away;
+        bool followed;  // else: a URL error, and the landing server hears nothing
+        std::string landingMethod;
+    };
+    const std::vector<Case> cases = {
+        {"GET", 302, false, true, "GET"}, {"POST", 307, false, true, "POST"}, {"GET", 302, true, true, "GET"},
+        {"POST", 303, true, true, "GET"}, {"POST", 307, true, false, ""},     {"PUT", 308, true, false, ""},
+        {"DELETE", 301, true, false, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.method + " " + std::to_string(c.status) + (c.away ? " away" : " same"));
+        auto& landing = c.away ? elsewhere : server;
+        server.clearRequests();
+        elsewhere.clearRequests();
+        server.script("", "/from",
+                      {.status = c.status, .headers = {{"Location", landing.url() + "/landing"}}});
+        landing.script("", "/landing", {.status = 200, .body = "landed"});
 
-    auto same = request("/same");
-    same.setValue("Bearer secret", "Authorization");
-    const auto sameOutcome = run(same);
-    EXPECT_EQ(joined(sameOutcome.chunks), "here");
-    EXPECT_EQ(server.requests("GET", "/landing").at(0).header("Authorization"), "Bearer secret");
+        auto from = request("/from", c.method);
+        from.setValue("Bearer secret", "Authorization");
+        from.setValue("app-client", "Client-Identifier");
+        from.setValue("session=1", "Cookie");
+        if (c.method != "GET") {
+            from.httpBody = Data::fromString(R"({"user":{"token":"the-jwt"}})");
+        }
+        const auto outcome = run(from);
+        const auto landed = landing.requests("", "/landing");
+        if (!c.followed) {
+            ASSERT_TRUE(outcome.error.has_value());
+            EXPECT_EQ(outcome.error->domain(), errors::urlDomain);
+            EXPECT_TRUE(landed.empty()) << "the body went to another origin";
+            continue;
+        }
+        ASSERT_FALSE(outcome.error.has_value()) << outcome.error->description();
+        EXPECT_EQ(joined(outcome.chunks), "landed") << "the redirect's own body is nobody's answer";
+        EXPECT_EQ(outcome.responseAtFirstChunk->url().absoluteString(), landing.url() + "/landing");
+        ASSERT_EQ(landed.size(), 1u);
+        EXPECT_EQ(landed[0].method, c.landingMethod);
+        for (const char* credential : {"Authorization", "Client-Identifier", "Cookie"}) {
+            EXPECT_EQ(landed[0].header(credential).has_value(), !c.away) << credential;
+        }
+        EXPECT_EQ(landed[0].body.empty(), c.landingMethod == "GET");
+    }
+}
 
-    auto away = request("/away");
-    away.setValue("Bearer secret", "Authorization");
-    const auto awayOutcome = run(away);
-    EXPECT_EQ(joined(awayOutcome.chunks), "there");
-    ASSERT_EQ(elsewhere.requests().size(), 1u);
-    EXPECT_EQ(elsewhere.requests()[0].header("Authorization"), std::nullopt);
-    EXPECT_EQ(awayOutcome.responseAtFirstChunk->url().absoluteString(), elsewhere.url() + "/landing");
+TEST_F(URLSessionTest, AHeaderWithALineBreakOrNulIsNeverSent) {
+    for (const std::string& value :
+         {std::string("a\r\nX-Injected: yes"), std::string("a\nb"), std::string("a\0b", 3)}) {
+        auto own = request("/api/private/mobile_sdk/settings/app.json");
+        own.setValue(value, "Authorization");
+        const auto outcome = run(own);
+        ASSERT_TRUE(outcome.error.has_value());
+        EXPECT_EQ(outcome.error->code(), URLError::badURL);
+        EXPECT_EQ(outcome.error->description().find("X-Injected"), std::string::npos)
+            << "values are not shown";
+    }
+    URLSessionConfiguration configuration;
+    configuration.httpAdditionalHeaders = {{"User-Agent", "x\r\nX-Injected: yes"}};
+    const auto tainted = URLSession::make(configuration, delegate);
+    auto task = tainted->dataTask(request("/api/private/mobile_sdk/settings/app.json"));
+    task->resume();
+    EXPECT_TRUE(delegate->wait(*task).error.has_value());
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST_F(URLSessionTest, TheProcessProxyVariablesAreReadOnlyWhenTheHostAsksForThem) {
+    AccountServer proxy;
+    ::setenv("http_proxy", proxy.url().c_str(), 1);
+    ::setenv("HTTP_PROXY", proxy.url().c_str(), 1);
+    ::unsetenv("no_proxy");
+    ::unsetenv("NO_PROXY");
+    EXPECT_FALSE(run(request("/api/private/mobile_sdk/settings/app.json")).error.has_value());
+    EXPECT_TRUE(proxy.requests().empty());
+    EXPECT_EQ(server.requests().size(), 1u);
+
+    environment.http.proxyFromEnvironment = true;
+    reinstallEnvironment();
+    run(request("/api/private/mobile_sdk/settings/app.json"));
+    EXPECT_EQ(proxy.requests().size(), 1u) << "the host opted in";
 }
 
 TEST_F(URLSessionTest, BrokenTransfersBecomeUrlErrorsNeverHangs) {
@@ -260,6 +325,13 @@ TEST_F(URLSessionTest, TlsPeersAreVerifiedAgainstTheConfiguredAuthorities) {
     EXPECT_FALSE(trusted.error.has_value()) << trusted.error->description();
     EXPECT_EQ(trusted.responseAtFirstChunk->statusCode(), 200);
     ASSERT_EQ(secure.requests().size(), 1u);
+
+    // https never leads to http, not even on the same host.
+    secure.script("GET", "/down", {.status = 302, .headers = {{"Location", server.url() + "/landing"}}});
+    const auto downgraded = run(URLRequest(*URL::fromString(secure.url() + "/down")));
+    ASSERT_TRUE(downgraded.error.has_value());
+    EXPECT_EQ(downgraded.error->code(), URLError::secureConnectionRequired);
+    EXPECT_TRUE(server.requests().empty());
 
     // The certificate names 127.0.0.1, not localhost: the host name is checked too.
     const auto wrongName =

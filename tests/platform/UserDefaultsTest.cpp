@@ -150,6 +150,7 @@ TEST_F(UserDefaultsTest, ThreadsSynchronizingDifferentSuitesBothPersist) {
 }
 
 TEST_F(UserDefaultsTest, AFileThatIsNotADatabaseIsMovedAsideAndAFreshOneUsed) {
+    ::umask(022);  // a host's usual mask: whatever the library creates must still be the owner's alone
     fs::create_directories(file().parent_path());
     {
         std::mt19937 random(11);
@@ -175,8 +176,14 @@ TEST_F(UserDefaultsTest, AFileThatIsNotADatabaseIsMovedAsideAndAFreshOneUsed) {
                 << "the damaged file is kept for inspection, unchanged";
             EXPECT_NE(reports[0].find(entry.path().string()), std::string::npos);
         }
+        EXPECT_EQ(fs::status(entry.path()).permissions() & fs::perms::all,
+                  fs::perms::owner_read | fs::perms::owner_write)
+            << entry.path() << " is readable by others";
     }
     EXPECT_EQ(aside, 1u);
+    for (const char* suffix : {"", "-wal", "-shm"}) {
+        EXPECT_TRUE(fs::exists(file().string() + suffix)) << suffix;
+    }
 }
 
 TEST_F(UserDefaultsTest, WithoutADataDirectoryValuesLiveInMemoryAndSynchronizeSaysSo) {

@@ -5,6 +5,7 @@
 #include "velmora/core/InitialisationStrategy.h"
 #include "velmora/core/Providers.h"
 #include "velmora/network/PendingRequests.h"
+#include "velmora/platform/HTTPText.h"
 #include "velmora/platform/NotificationCenter.h"
 #include "velmora/storage/LegacyIdentityMigrator.h"
 #include "velmora/support/CoreLogger.h"
@@ -44,10 +45,37 @@ void install(std::shared_ptr<Velmora> instance) {
     // The previous instance is released here, outside the lock, should this be its last owner.
 }
 
+// Why the library cannot serve these details, or nothing when it can. Both become part of every request's
+// URL: the account URL must be a plain http or https base, and the application id one path segment.
+std::optional<std::string> unusableDetails(const std::string& appId, const std::string& velmoraUrl) {
+    if (!platform::isPathSegment(appId)) {
+        return "the application id " + platform::quotedForMessage(appId) +
+               " cannot be one segment of a URL path";
+    }
+    const auto url = platform::URL::fromString(velmoraUrl);
+    const auto shown = platform::quotedForMessage(velmoraUrl, 256);
+    if (!url || (url->scheme() != "http" && url->scheme() != "https")) {
+        return "the account URL " + shown + " is not an http or https URL";
+    }
+    if (url->hasUserInfo()) {
+        return "the account URL " + shown +
+               " holds a user name or password, which would be sent to the account";
+    }
+    if (!url->query().empty() || !url->fragment().empty() ||
+        velmoraUrl.find_first_of("?#") != std::string::npos) {
+        return "the account URL " + shown + " has a query or a fragment, which every request would carry";
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
-void Velmora::initialize(const std::string& appId, const std::string& clientId,
+bool Velmora::initialize(const std::string& appId, const std::string& clientId,
                          const std::string& velmoraUrl) {
+    if (const auto reason = unusableDetails(appId, velmoraUrl)) {
+        CoreLogger::error("Velmora was not initialized: " + *reason + ".");
+        return false;
+    }
     std::lock_guard serialised(initializeMutex());
 
     auto stores = std::make_shared<const Stores>(appId);
@@ -66,7 +94,12 @@ void Velmora::initialize(const std::string& appId, const std::string& clientId,
     auto velmora = strategy->initialise(details, stores, providers);
     if (!velmora) {
         CoreLogger::debug("Velmora is already initialized with these Velmora details.");
-        return;
+        return true;
+    }
+    if (velmoraUrl.ends_with('/')) {
+        // Kept as given, so every path is joined after it with a second slash; most servers accept that.
+        CoreLogger::warn("The account URL " + velmoraUrl +
+                         " ends with \"/\": request paths are appended after it as they are.");
     }
 
     // Before anything is wiped, while the old account's push token can still be read.
@@ -82,6 +115,7 @@ void Velmora::initialize(const std::string& appId, const std::string& clientId,
 
     install(velmora);
     velmora->providers_->blip().send(coreSdkEvent("init"), BlipsGroup::required);
+    return true;
 }
 
 std::shared_ptr<Velmora> Velmora::instance() {

@@ -5,6 +5,7 @@
 #include "velmora/Errors.h"
 #include "velmora/network/AccountInterceptors.h"
 #include "velmora/network/NetworkClient.h"
+#include "velmora/platform/HTTPText.h"
 #include "velmora/support/CoreLogger.h"
 #include "velmora/support/DecodingError.h"
 #include "velmora/support/LibraryError.h"
@@ -139,34 +140,45 @@ void AccessProvider::getAccess(std::function<void(Result<Access>)> callback) {
                                                {},
                                                interceptorQueue(),
                                                platform::DispatchGroup()});
-    service.perform(
-        [callback = std::move(callback)](const std::optional<Data>& data,
-                                         const std::shared_ptr<const platform::HTTPURLResponse>& response,
-                                         const std::optional<Error>& error) {
-            if (response && response->statusCode() >= 200 && response->statusCode() <= 299 && data) {
-                callback(Access::decode(*data));
+    service.perform([callback = std::move(callback)](
+                        const std::optional<Data>& data,
+                        const std::shared_ptr<const platform::HTTPURLResponse>& response,
+                        const std::optional<Error>& error) {
+        if (response && response->statusCode() >= 200 && response->statusCode() <= 299 && data) {
+            auto access = Access::decode(*data);
+            if (access.isSuccess() && !platform::isHeaderValue(access.value().authentication.access_token)) {
+                // Sent as it is, such a token would add headers, or whole requests, of the server's choice
+                // to every later request. Nothing of it goes into the error.
+                callback(Result<Access>::error(
+                    Error(std::string(errors::coreDomain), errors::accessFailed,
+                          {{std::string(errors::httpStatusCodeKey), response->statusCode()},
+                           {std::string(Error::localizedDescriptionKey),
+                            "The access token in the account's answer cannot be sent in a header."}})));
                 return;
             }
-            if (error) {
-                callback(Result<Access>::error(*error));
-                return;
-            }
-            json info = json::object();
-            info[std::string(errors::httpStatusCodeKey)] = response ? response->statusCode() : 0;
-            info[std::string(Error::localizedDescriptionKey)] =
-                response ? platform::HTTPURLResponse::localizedString(response->statusCode())
-                         : "Default error description";
-            if (data) {
-                const auto body = json::parse(data->view(), nullptr, false);
-                if (body.is_object()) {
-                    for (const auto& [key, value] : body.items()) {
-                        info[key] = value;
-                    }
+            callback(std::move(access));
+            return;
+        }
+        if (error) {
+            callback(Result<Access>::error(*error));
+            return;
+        }
+        json info = json::object();
+        info[std::string(errors::httpStatusCodeKey)] = response ? response->statusCode() : 0;
+        info[std::string(Error::localizedDescriptionKey)] =
+            response ? platform::HTTPURLResponse::localizedString(response->statusCode())
+                     : "Default error description";
+        if (data) {
+            const auto body = json::parse(data->view(), nullptr, false);
+            if (body.is_object()) {
+                for (const auto& [key, value] : body.items()) {
+                    info[key] = value;
                 }
             }
-            callback(Result<Access>::error(
-                Error(std::string(errors::coreDomain), errors::accessFailed, std::move(info))));
-        });
+        }
+        callback(Result<Access>::error(
+            Error(std::string(errors::coreDomain), errors::accessFailed, std::move(info))));
+    });
 }
 
 }  // namespace velmora

@@ -1,8 +1,10 @@
 #include "velmora/platform/FileManager.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -70,6 +72,13 @@ std::optional<Error> FileManager::createDirectory(const fs::path& directory, fs:
         }
     }
     return std::nullopt;
+}
+
+void FileManager::makePrivateFile(const fs::path& file) {
+    if (const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); fd >= 0) {
+        ::fchmod(fd, 0600);
+        ::close(fd);
+    }
 }
 
 Result<FileSystemSpace> FileManager::fileSystemSpace(const fs::path& path) {

@@ -31,6 +31,9 @@ class FileManager {
     static std::optional<Error> createDirectory(const std::filesystem::path& directory,
                                                 std::filesystem::perms permissions);
     // Size and free space of the file system that holds `path`.
+    // Makes the file exist with owner-only permissions (0600), and narrows an existing one to them, before a
+    // database library opens it with the process's umask.
+    static void makePrivateFile(const std::filesystem::path& file);
     static Result<FileSystemSpace> fileSystemSpace(const std::filesystem::path& path);
 
     // The error for a failed operation on `path`, described for people ("The folder “velmora” doesn’t

@@ -32,6 +32,10 @@ std::optional<URL> URL::fromString(std::string_view text) {
     url.host_ = part(handle.get(), CURLUPART_HOST);
     const auto port = part(handle.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT);
     url.port_ = port.empty() ? 0 : std::stoi(port);
+    url.hasUserInfo_ =
+        !part(handle.get(), CURLUPART_USER).empty() || !part(handle.get(), CURLUPART_PASSWORD).empty();
+    url.query_ = part(handle.get(), CURLUPART_QUERY);
+    url.fragment_ = part(handle.get(), CURLUPART_FRAGMENT);
     if (url.scheme_.empty() || url.host_.empty()) {
         return std::nullopt;
     }

@@ -75,6 +75,7 @@ bool URLCache::openDisk() {
         "CREATE TABLE IF NOT EXISTS responses (key TEXT PRIMARY KEY, url TEXT NOT NULL, status INTEGER NOT "
         "NULL,"
         " headers TEXT NOT NULL, data BLOB NOT NULL, size INTEGER NOT NULL, used INTEGER NOT NULL)";
+    FileManager::makePrivateFile(file);
     if (sqlite3_open_v2(file.c_str(), &disk_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
             SQLITE_OK ||
         sqlite3_exec(disk_, schema, nullptr, nullptr, nullptr) != SQLITE_OK) {
@@ -84,7 +85,10 @@ bool URLCache::openDisk() {
         sqlite3_close_v2(disk_);
         disk_ = nullptr;
         std::error_code ignored;
-        std::filesystem::remove(file, ignored);
+        for (const char* suffix : {"", "-wal", "-shm"}) {
+            std::filesystem::remove(file.string() + suffix, ignored);
+        }
+        FileManager::makePrivateFile(file);
         if (sqlite3_open_v2(file.c_str(), &disk_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
                 SQLITE_OK ||
             sqlite3_exec(disk_, schema, nullptr, nullptr, nullptr) != SQLITE_OK) {

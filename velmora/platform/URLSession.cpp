@@ -6,11 +6,13 @@
 #include <atomic>
 #include <cctype>
 #include <map>
+#include <set>
 #include <thread>
 #include <vector>
 
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/Format.h"
+#include "velmora/platform/HTTPText.h"
 #include "velmora/platform/SystemLog.h"
 
 namespace velmora::platform {
@@ -32,6 +34,8 @@ std::string describe(int code) {
             return "The network connection was lost.";
         case URLError::httpTooManyRedirects:
             return "too many HTTP redirects";
+        case URLError::secureConnectionRequired:
+            return "The resource could not be loaded because a secure connection is required.";
         case URLError::badServerResponse:
             return "The server returned a bad response.";
         case URLError::secureConnectionFailed:
@@ -83,6 +87,19 @@ bool mayHaveBody(const std::string& method, int status) {
     return method != "HEAD" && status != 204 && status != 304 && !(status >= 100 && status < 200);
 }
 
+bool isRedirectStatus(long status) {
+    return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+// Headers that identify the user or the app to the account; they never leave its origin.
+bool isCredential(const std::string& name) {
+    static const std::set<std::string, CaseInsensitiveLess> credentials{
+        "Authorization", "Proxy-Authorization", "Cookie", "Client-Identifier"};
+    return credentials.count(name) > 0;
+}
+
+constexpr long maximumRedirects = 16;
+
 void initialiseCurlOnce() {
     static const bool done = [] { return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; }();
     (void)done;
@@ -131,7 +148,13 @@ void URLSessionDataTask::cancel() {
 // The session's thread and everything only it touches, apart from the queue of operations handed to it.
 struct URLSession::Engine {
     struct Transfer {
+        explicit Transfer(std::shared_ptr<URLSessionDataTask> dataTask)
+            : task(std::move(dataTask)), request(task->request_) {}
+
         std::shared_ptr<URLSessionDataTask> task;
+        URLRequest request;  // as sent in the current hop: redirects change it
+        long redirects = 0;
+        bool crossedOrigin = false;  // once another origin was reached, no credential is sent again
         CURL* easy = nullptr;
         curl_slist* headers = nullptr;
         std::string body;
@@ -229,6 +252,9 @@ struct URLSession::Engine {
     static size_t onData(char* buffer, size_t size, size_t count, void* user) {
         auto& transfer = *static_cast<Transfer*>(user);
         auto& engine = *currentEngine;
+        if (engine.isRedirect(transfer)) {
+            return size * count;  // the body of a redirect is nobody's answer
+        }
         engine.captureResponse(transfer);
         transfer.delivered = true;
         engine.session.delegate_->didReceiveData(engine.session, *transfer.task, Data(buffer, size * count));
@@ -251,8 +277,14 @@ struct URLSession::Engine {
     // The engine whose thread is running; callbacks find it here, since only this thread calls them.
     static thread_local Engine* currentEngine;
 
+    bool isRedirect(const Transfer& transfer) const {
+        long status = 0;
+        curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
+        return isRedirectStatus(status) && transfer.responseHeaders.count("Location") > 0;
+    }
+
     void captureResponse(Transfer& transfer) {
-        if (transfer.task->response()) {
+        if (transfer.task->response() || isRedirect(transfer)) {
             return;
         }
         long status = 0;
@@ -271,32 +303,60 @@ struct URLSession::Engine {
 
     // `refuse`: the session was already invalidated when the task was resumed.
     void begin(const std::shared_ptr<URLSessionDataTask>& task, bool refuse) {
-        auto transfer = std::make_unique<Transfer>();
-        transfer->task = task;
+        auto transfer = std::make_unique<Transfer>(task);
         if (refuse) {
             complete(*transfer, URLError::make(URLError::cancelled, task->request_.url.absoluteString(),
                                                "the session was invalidated"));
             return;
         }
-        const auto env = Environment::current();
-        const URLRequest& request = task->request_;
-        CURL* easy = nullptr;
         if (idleHandles.empty()) {
-            easy = curl_easy_init();
+            transfer->easy = curl_easy_init();
         } else {
-            easy = idleHandles.back();
+            transfer->easy = idleHandles.back();
             idleHandles.pop_back();
         }
-        transfer->easy = easy;
+        send(std::move(transfer));
+    }
+
+    // Sets the transfer's handle up for its current request and hands it to the multi handle; a request
+    // that cannot be sent as it is ends here with an error.
+    void send(std::unique_ptr<Transfer> transfer) {
+        const auto env = Environment::current();
+        const URLRequest& request = transfer->request;
+        CURL* easy = transfer->easy;
+
+        HTTPHeaderFields headers = request.allHTTPHeaderFields;
+        for (const auto& [name, value] : session.configuration_.httpAdditionalHeaders) {
+            headers.emplace(name, value);  // the request's own value wins
+        }
+        for (auto it = headers.begin(); it != headers.end();) {
+            if (!isHeaderName(it->first) || !isHeaderValue(it->second)) {
+                // The value is not shown: it may be a credential.
+                const auto name = isHeaderName(it->first) ? "\"" + it->first + "\"" : std::string("a header");
+                complete(*transfer, URLError::make(URLError::badURL, request.url.absoluteString(),
+                                                   "the request's " + name +
+                                                       " holds CR, LF or NUL or is not a header name; "
+                                                       "nothing was sent"));
+                return;
+            }
+            it = transfer->crossedOrigin && isCredential(it->first) ? headers.erase(it) : std::next(it);
+        }
+        headers.emplace("Expect", "");
+        curl_slist_free_all(transfer->headers);
+        transfer->headers = nullptr;
+        for (const auto& [name, value] : headers) {
+            const std::string line =
+                value.empty() ? name + (name == "Expect" ? ":" : ";") : name + ": " + value;
+            transfer->headers = curl_slist_append(transfer->headers, line.c_str());
+        }
+
         curl_easy_setopt(easy, CURLOPT_URL, request.url.absoluteString().c_str());
         curl_easy_setopt(easy, CURLOPT_PRIVATE, transfer.get());
         curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer->errorText);
         curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-        curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
-        curl_easy_setopt(easy, CURLOPT_UNRESTRICTED_AUTH, 0L);
+        // Redirects are followed here, hop by hop, so that what reaches another origin is decided here.
+        curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
         curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
         curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
         curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
         curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
@@ -305,6 +365,8 @@ struct URLSession::Engine {
         }
         if (env->http.proxy) {
             curl_easy_setopt(easy, CURLOPT_PROXY, env->http.proxy->c_str());
+        } else if (!env->http.proxyFromEnvironment) {
+            curl_easy_setopt(easy, CURLOPT_PROXY, "");  // libcurl would read the proxy variables otherwise
         }
         // "No progress for this long" is the time-out: for connecting, and for any stretch without a byte.
         const double timeout = request.timeoutInterval.value_or(env->http.timeoutInterval);
@@ -312,17 +374,6 @@ struct URLSession::Engine {
         curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
         curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
         curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, std::max(1L, (timeoutMs + 999) / 1000));
-
-        HTTPHeaderFields headers = request.allHTTPHeaderFields;
-        for (const auto& [name, value] : session.configuration_.httpAdditionalHeaders) {
-            headers.emplace(name, value);  // the request's own value wins
-        }
-        headers.emplace("Expect", "");
-        for (const auto& [name, value] : headers) {
-            const std::string line =
-                value.empty() ? name + (name == "Expect" ? ":" : ";") : name + ": " + value;
-            transfer->headers = curl_slist_append(transfer->headers, line.c_str());
-        }
         curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
 
         if (request.httpMethod == "GET" && !request.httpBody) {
@@ -354,6 +405,49 @@ struct URLSession::Engine {
         transfers.emplace(easy, std::move(transfer));
     }
 
+    // The next hop of a redirect, or the error that ends the request. Within the origin a redirect is
+    // followed as libcurl would; to another origin only a GET or HEAD follows, without credentials, and
+    // https never leads to http.
+    void redirect(std::unique_ptr<Transfer> transfer, long status, const char* location) {
+        const auto failing = transfer->task->request_.url.absoluteString();
+        const auto target = URL::fromString(location);
+        if (!target) {
+            complete(*transfer, URLError::make(URLError::badServerResponse, failing,
+                                               "the redirect's location is not a URL"));
+            return;
+        }
+        if (++transfer->redirects > maximumRedirects) {
+            complete(*transfer, URLError::make(URLError::httpTooManyRedirects, failing));
+            return;
+        }
+        URLRequest& next = transfer->request;
+        if (next.url.scheme() == "https" && target->scheme() != "https") {
+            complete(*transfer, URLError::make(URLError::secureConnectionRequired, failing,
+                                               "refused a redirect from https to " + target->scheme()));
+            return;
+        }
+        if ((status == 303 && next.httpMethod != "HEAD") || (status <= 302 && next.httpMethod == "POST")) {
+            next.httpMethod = "GET";
+            next.httpBody.reset();
+        }
+        if (target->origin() != next.url.origin()) {
+            if (next.httpMethod != "GET" && next.httpMethod != "HEAD") {
+                complete(*transfer, URLError::make(URLError::badServerResponse, failing,
+                                                   "refused a redirect that would send the " +
+                                                       next.httpMethod + " request to another origin"));
+                return;
+            }
+            next.httpBody.reset();
+            transfer->crossedOrigin = true;
+        }
+        next.url = *target;
+        transfer->responseHeaders.clear();
+        transfer->sent = 0;
+        transfer->body.clear();
+        curl_easy_reset(transfer->easy);
+        send(std::move(transfer));
+    }
+
     void finish(CURL* easy, CURLcode result) {
         const auto it = transfers.find(easy);
         if (it == transfers.end()) {
@@ -362,6 +456,16 @@ struct URLSession::Engine {
         auto transfer = std::move(it->second);
         transfers.erase(it);
         curl_multi_remove_handle(multi, easy);
+        if (result == CURLE_OK && isRedirect(*transfer)) {
+            long status = 0;
+            curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+            char* location = nullptr;
+            curl_easy_getinfo(easy, CURLINFO_REDIRECT_URL, &location);
+            if (location != nullptr) {
+                redirect(std::move(transfer), status, location);
+                return;
+            }
+        }
         captureResponse(*transfer);
         std::optional<Error> error;
         if (result != CURLE_OK) {

@@ -29,6 +29,7 @@ struct URLError {
     static constexpr int badServerResponse = errors::url::badServerResponse;
     static constexpr int secureConnectionFailed = errors::url::secureConnectionFailed;
     static constexpr int serverCertificateUntrusted = errors::url::serverCertificateUntrusted;
+    static constexpr int secureConnectionRequired = errors::url::secureConnectionRequired;
 
     static Error make(int code, const std::string& failingUrl, const std::string& detail = {});
 };

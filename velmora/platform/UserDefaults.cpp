@@ -136,12 +136,10 @@ class DefaultsDatabase {
                           "UserDefaults: cannot create the data directory: " + error->localizedDescription());
             return false;
         }
-        // Created by hand so that the file never exists, even briefly, with wider permissions.
-        if (const int fd = ::open(file_->c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); fd >= 0) {
-            ::fchmod(fd, 0600);
-            ::close(fd);
-        }
         for (int attempt = 0; attempt < 2; ++attempt) {
+            // Created by hand, also after a corrupt file was moved aside, so that neither the file nor the
+            // -wal and -shm files SQLite gives its permissions ever exist with wider ones.
+            FileManager::makePrivateFile(*file_);
             int code =
                 sqlite3_open_v2(file_->c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
             if (code == SQLITE_OK) {
@@ -179,9 +177,11 @@ class DefaultsDatabase {
         const fs::path aside = file_->string() + ".corrupt-" + stamp;
         std::error_code error;
         fs::rename(*file_, aside, error);
+        std::error_code ignored;
+        fs::permissions(aside, fs::perms::owner_read | fs::perms::owner_write, ignored);
         for (const char* suffix : {"-wal", "-shm"}) {
-            std::error_code ignored;
             fs::rename(file_->string() + suffix, aside.string() + suffix, ignored);
+            fs::permissions(aside.string() + suffix, fs::perms::owner_read | fs::perms::owner_write, ignored);
         }
         systemLogLine(
             LogLevel::error,

@@ -6,6 +6,7 @@
 #include "velmora/network/AccountInterceptors.h"
 #include "velmora/network/LoginInterceptors.h"
 #include "velmora/platform/Format.h"
+#include "velmora/platform/HTTPText.h"
 #include "velmora/settings/DefaultInterceptors.h"
 #include "velmora/support/CoreLogger.h"
 #include "velmora/support/DecodingError.h"
@@ -28,6 +29,12 @@ Result<PushRegistrationResponse> PushRegistrationResponse::decode(const Data& da
     if (identifier == device->end() || !identifier->is_string()) {
         return R::error(DecodingError::keyNotFound("identifier"));
     }
+    if (!platform::isPathSegment(identifier->get_ref<const std::string&>())) {
+        // Stored, it would be put into the path of the next unregistration, the user's token with it.
+        return R::error(DecodingError::dataCorrupted(
+            "The identifier " + platform::quotedForMessage(identifier->get_ref<const std::string&>()) +
+            " cannot be one segment of a URL path."));
+    }
     return R::success({identifier->get<std::string>()});
 }
 
@@ -48,6 +55,13 @@ void PushRegistrationProvider::registerForPushWithUAChannelId(const std::string&
 
 void PushRegistrationProvider::registerIdentifier(const std::string& identifier, const std::string& locale,
                                                   bool channel, Callback callback) const {
+    // The identifier becomes a segment of the unregistration's path: one that would change the path is
+    // refused before it is sent or stored.
+    if (!platform::isPathSegment(identifier)) {
+        callback(Result<PushRegistrationResponse>::error(
+            platform::pathSegmentError("the push identifier", identifier)));
+        return;
+    }
     const auto stored = tokenManagement_->pushToken();
     if (!stored) {
         CoreLogger::verbose("No cached identifier, proceeding to register device.");
@@ -143,6 +157,12 @@ ProviderService PushRegistrationProvider::unregistrationService(const std::strin
 }
 
 void PushRegistrationProvider::unregisterForPush(const std::string& deviceIdentifier) const {
+    if (!platform::isPathSegment(deviceIdentifier)) {
+        CoreLogger::debug(platform::format(
+            "Push unregistration failed with %@",
+            platform::pathSegmentError("the push identifier", deviceIdentifier).description()));
+        return;
+    }
     // Encoded now, with the time of the request; sent only once the server has let the device go.
     const auto pushOff = blipsProvider_.convert(coreSdkEvent("PushOff")).data();
     unregistrationService(deviceIdentifier)

@@ -288,9 +288,10 @@ std::string tagQuery(const std::vector<std::string>& tags) {
     for (std::size_t i = 0; i < tags.size(); ++i) {
         joined += (i > 0 ? "," : "") + tags[i];
     }
-    // The characters a URL host may hold as they are; every other byte is percent-encoded.
+    // The characters a URL host may hold as they are, less those that delimit query parameters ("&", "=",
+    // "+"), so that a tag can never add a parameter; every other byte is percent-encoded.
     static constexpr std::string_view allowed =
-        "!$&'()*+,-.0123456789:;=ABCDEFGHIJKLMNOPQRSTUVWXYZ[]_abcdefghijklmnopqrstuvwxyz~";
+        "!$'()*,-.0123456789:;ABCDEFGHIJKLMNOPQRSTUVWXYZ[]_abcdefghijklmnopqrstuvwxyz~";
     static constexpr char hex[] = "0123456789ABCDEF";
     std::string encoded;
     for (const char c : joined) {

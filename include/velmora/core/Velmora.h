@@ -40,7 +40,10 @@ class VELMORA_EXPORT Velmora : public PushUnregistrationContextProvider {
     // Builds the library for the account and installs it, unless the installed instance already serves the
     // same account (account URL and app id; the client id takes no part). A change of account unregisters
     // the old account's push token, then wipes storage. Safe from any thread; calls are serialised.
-    static void initialize(const std::string& appId, const std::string& clientId,
+    // Refused, with an error line and nothing installed (an installed instance stays), when the account URL
+    // is not a plain http or https base (no user info, query or fragment) or the application id is not one
+    // URL path segment. True when an instance serving these details is installed afterwards.
+    static bool initialize(const std::string& appId, const std::string& clientId,
                            const std::string& velmoraUrl);
 
     // The installed instance; empty before initialize, which is logged and notified on every such read.

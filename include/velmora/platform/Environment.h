@@ -25,8 +25,11 @@ using LogSink = std::function<void(LogLevel level, std::string_view line)>;
 struct HTTPOptions {
     // A PEM file of the certificate authorities to trust instead of the system's.
     std::optional<std::filesystem::path> caBundle;
-    // A proxy in libcurl's notation ("http://proxy:3128", "socks5h://..."); empty: the usual proxy variables.
+    // A proxy in libcurl's notation ("http://proxy:3128", "socks5h://..."). Absent: no proxy, whatever the
+    // process's environment says, unless the host opts into the usual proxy variables below.
     std::optional<std::string> proxy;
+    // With no proxy given: take it from http_proxy, https_proxy, no_proxy and the like.
+    bool proxyFromEnvironment = false;
     // Seconds without progress after which a request fails with the time-out error.
     double timeoutInterval = 60;
 };

@@ -1,0 +1,178 @@
+// A hostile account server and a careless host, end to end through the facade: what reaches the wire (and
+// which origin it reaches) is read from the local account server's record of every request.
+#include <gtest/gtest.h>
+
+#include "tests/support/Awaited.h"
+#include "tests/support/LibraryTest.h"
+#include "tests/support/Watchdog.h"
+#include "tools/velmora-mock/AccountServer.h"
+#include "velmora/Velmora.h"
+#include "velmora/storage/IdentityStore.h"
+#include "velmora/storage/SessionStore.h"
+
+namespace velmora::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using mock::AccountServer;
+using nlohmann::json;
+
+class HostileInputTest : public LibraryTest {
+  protected:
+    std::shared_ptr<Velmora> start(const std::string& appId = "app", const std::string& clientId = "client") {
+        EXPECT_TRUE(Velmora::initialize(appId, clientId, server.url()));
+        auto velmora = Velmora::instance();
+        velmora->setIdentity(Identity::createJwt("the-users-jwt"));
+        return velmora;
+    }
+    static Result<User> getUser(const Velmora& velmora) {
+        Awaited<Result<User>> user;
+        velmora.providerModule().user().getUser(user.callback());
+        return user.wait();
+    }
+    static bool drain() { return Velmora::waitForPendingRequests(10s); }
+
+    Watchdog watchdog{90s, "hostile input test"};
+    AccountServer server;
+    AccountServer elsewhere;
+};
+
+TEST_F(HostileInputTest, TheLoginNeverFollowsARedirectToAnotherOrigin) {
+    for (const int status : {307, 308}) {
+        server.script("POST", "/access/sdk/jwt",
+                      {.status = status, .headers = {{"Location", elsewhere.url() + "/access/sdk/jwt"}}});
+        const auto velmora = start();
+        const auto user = getUser(*velmora);
+        ASSERT_TRUE(user.isError()) << status;
+        EXPECT_EQ(user.error().domain(), errors::urlDomain) << user.error().description();
+        EXPECT_TRUE(elsewhere.requests().empty()) << status << ": the JWT went to another origin";
+        EXPECT_EQ(IdentityStore("app").oauthToken(), std::nullopt)
+            << "no token of the other origin is stored";
+        ASSERT_TRUE(drain());
+    }
+}
+
+TEST_F(HostileInputTest, AnAccessTokenThatIsNoHeaderValueIsRefusedAndNeverSent) {
+    for (const std::string& token : {std::string("abc\r\nX-Injected: yes"),
+                                     std::string("abc\r\n\r\nDELETE /api/mobile/users/me.json HTTP/1.1\r\n"
+                                                 "Host: x\r\n\r\n"),
+                                     std::string("abc\0def", 7)}) {
+        server.script("POST", "/access/sdk/jwt",
+                      {.status = 200,
+                       .body = json{{"authentication", {{"access_token", token}, {"user_id", "7"}}}}.dump()});
+        const auto velmora = start();
+        const auto user = getUser(*velmora);
+        ASSERT_TRUE(user.isError());
+        EXPECT_EQ(user.error().domain(), errors::coreDomain);
+        EXPECT_EQ(user.error().code(), errors::accessFailed);
+        EXPECT_EQ(user.error().description().find("abc"), std::string::npos) << "the token is not echoed";
+        ASSERT_TRUE(drain());
+    }
+    for (const auto& request : server.requests()) {
+        EXPECT_EQ(request.header("X-Injected"), std::nullopt);
+    }
+    EXPECT_TRUE(server.requests("DELETE", "/api/mobile/users/me.json").empty());
+    EXPECT_TRUE(server.requests("GET", "/api/mobile/users/me.json").empty());
+}
+
+// Each odd value through every place a host value enters a URL or a header: nothing the server receives
+// carries more than the value was meant to be, and nothing stops the process.
+TEST_F(HostileInputTest, OddHostValuesStayInTheirPlaceOrAreRefused) {
+    const std::vector<std::pair<std::string, std::string>> values = {{"empty", ""},
+                                                                     {"dotdot", ".."},
+                                                                     {"space", "a b"},
+                                                                     {"slash", "a/b"},
+                                                                     {"encoded", "%2F"},
+                                                                     {"megabyte", std::string(1 << 20, 'x')},
+                                                                     {"crlf", "a\r\nX-Injected: yes"},
+                                                                     {"utf8", "\xC3\x28\xFF"}};
+    const std::string devices = "/api/mobile/push_notification_devices/";
+    for (const auto& [name, value] : values) {
+        SCOPED_TRACE(name);
+        server.clearRequests();
+        const bool segment =
+            !value.empty() && value != ".." && value.find_first_of(" /%\r\n\xC3") == std::string::npos;
+
+        EXPECT_EQ(Velmora::initialize(value, "client", server.url()), segment) << "the application id";
+
+        auto velmora = start();
+        Awaited<Result<PushRegistrationResponse>> registered;
+        velmora->providerModule().push().registerForPush(value, "en", registered.callback());
+        EXPECT_EQ(registered.wait().isSuccess(), segment) << "the push identifier";
+        velmora->providerModule().push().unregisterForPush(value);
+        Awaited<Result<User>> tagged;
+        velmora->providerModule().user().deleteTags({value, "x&admin=1"}, tagged.callback());
+        tagged.wait();
+
+        // Another account, so that the client id takes effect.
+        velmora = start("app-" + name, value);
+        const auto user = getUser(*velmora);
+        if (value.find('\n') != std::string::npos) {
+            EXPECT_TRUE(user.isError()) << "a client id with a line break is never sent";
+        } else if (value.size() < 1000) {
+            ASSERT_TRUE(user.isSuccess()) << user.error().description();
+            // The server's HTTP library drops empty fields and percent-decodes values, so those are skipped.
+            if (!value.empty() && value.find('%') == std::string::npos) {
+                EXPECT_EQ(
+                    server.requests("GET", "/api/mobile/users/me.json").back().header("Client-Identifier"),
+                    value)
+                    << "a well-formed client id goes out byte for byte";
+            }
+        }
+        ASSERT_TRUE(drain());
+
+        for (const auto& request : server.requests()) {
+            EXPECT_FALSE(request.method == "DELETE" && request.path() == "/api/mobile/users/me.json");
+            EXPECT_EQ(request.target.find("admin="), std::string::npos) << request.target;
+            EXPECT_EQ(request.header("X-Injected"), std::nullopt);
+            if (request.path().starts_with(devices)) {
+                EXPECT_EQ(request.path(), devices + value + ".json") << "one path segment, byte for byte";
+            }
+        }
+    }
+}
+
+TEST_F(HostileInputTest, ATagCannotAddAQueryParameter) {
+    const auto velmora = start();
+    Awaited<Result<User>> tagged;
+    velmora->providerModule().user().deleteTags({"a&tags=b", "x&admin=1", "plain"}, tagged.callback());
+    ASSERT_TRUE(tagged.wait().isSuccess()) << tagged.wait().error().description();
+    EXPECT_EQ(server.requests("DELETE", "/api/mobile/user_tags/destroy_many.json").at(0).target,
+              "/api/mobile/user_tags/destroy_many.json?tags=a%26tags%3Db,x%26admin%3D1,plain");
+}
+
+TEST_F(HostileInputTest, AServerChosenIdentifierThatLeavesItsSegmentIsNeitherStoredNorUnregistered) {
+    server.script("POST", "/api/mobile/push_notification_devices.json",
+                  {.status = 201, .body = R"({"push_notification_device": {"identifier": "../users/me"}})"});
+    const auto velmora = start();
+    Awaited<Result<PushRegistrationResponse>> registered;
+    velmora->providerModule().push().registerForPush("device-1", "en", registered.callback());
+    ASSERT_TRUE(registered.wait().isError());
+    EXPECT_EQ(SessionStore("app").pushToken(), std::nullopt);
+
+    velmora->setIdentity(Identity::createJwt("another-user"));
+    ASSERT_TRUE(drain());
+    EXPECT_TRUE(server.requests("DELETE", "/api/mobile/users/me.json").empty());
+}
+
+TEST_F(HostileInputTest, InitializeRefusesAccountUrlsThatAreNoPlainBase) {
+    const auto port = std::to_string(server.port());
+    for (const std::string& url :
+         {std::string("not a url"), std::string(), "127.0.0.1:" + port, "ftp://127.0.0.1:" + port,
+          "http://user:pw@127.0.0.1:" + port, "http://127.0.0.1:" + port + "/?q=1",
+          "http://127.0.0.1:" + port + "/#f"}) {
+        EXPECT_FALSE(Velmora::initialize("app", "client", url)) << url;
+        EXPECT_EQ(Velmora::instance(), nullptr) << url;
+    }
+    ASSERT_TRUE(Velmora::initialize("app", "client", server.url()));
+    EXPECT_FALSE(Velmora::initialize("app", "client", "http://user:pw@127.0.0.1:" + port));
+    EXPECT_EQ(Velmora::instance()->accountDetails().accountUrl(), server.url()) << "the installed one stays";
+
+    logs->clear();
+    ASSERT_TRUE(Velmora::initialize("app", "client", server.url() + "/"));
+    EXPECT_EQ(logs->linesStartingWith("[WARNING]: The account URL ").size(), 1u);
+    EXPECT_EQ(Velmora::instance()->accountDetails().accountUrl(), server.url() + "/") << "kept as given";
+}
+
+}  // namespace
+}  // namespace velmora::testing
