@@ -20,6 +20,7 @@
 #include "velmora/Velmora.h"
 #include "velmora/platform/Base64.h"
 #include "velmora/platform/UserDefaults.h"
+#include "velmora/storage/Stores.h"
 
 using namespace velmora;
 using namespace velmora::bench;

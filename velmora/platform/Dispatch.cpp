@@ -131,8 +131,13 @@ class GlobalPool {
             }
             slot->woken = false;
             idle_.push_back(slot);
-            const bool woken = slot->wake.wait_for(lock, idleRetirement, [&slot] { return slot->woken; });
-            if (!woken) {
+            // Workers of the floor sleep until there is work: an idle library wakes no thread. Only an extra
+            // worker keeps a deadline, to retire at.
+            if (threads_ - blocked_ <= base_) {
+                slot->wake.wait(lock, [&slot] { return slot->woken; });
+                continue;
+            }
+            if (!slot->wake.wait_for(lock, idleRetirement, [&slot] { return slot->woken; })) {
                 std::erase(idle_, slot);
                 if (threads_ - blocked_ > base_) {
                     --threads_;

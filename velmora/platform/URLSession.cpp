@@ -99,6 +99,7 @@ bool isCredential(const std::string& name) {
 }
 
 constexpr long maximumRedirects = 16;
+constexpr int idlePollMilliseconds = 24 * 60 * 60 * 1000;
 
 void initialiseCurlOnce() {
     static const bool done = [] { return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; }();
@@ -221,7 +222,9 @@ struct URLSession::Engine {
                     break;
                 }
             }
-            curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+            // libcurl shortens the wait to its own next timer while transfers run; with none, the thread
+            // sleeps until an operation wakes it, so that an idle session costs its host nothing.
+            curl_multi_poll(multi, nullptr, 0, transfers.empty() ? idlePollMilliseconds : 1000, nullptr);
         }
         session.delegate_->didBecomeInvalid(session, std::nullopt);
     }
