@@ -4,6 +4,7 @@
 #include "velmora/core/DeviceUnregistration.h"
 #include "velmora/core/InitialisationStrategy.h"
 #include "velmora/core/Providers.h"
+#include "velmora/network/NetworkClient.h"
 #include "velmora/network/PendingRequests.h"
 #include "velmora/platform/HTTPText.h"
 #include "velmora/platform/NotificationCenter.h"
@@ -27,8 +28,8 @@ std::mutex& instanceMutex() {
 }
 
 std::shared_ptr<Velmora>& installedInstance() {
-    static std::shared_ptr<Velmora> instance;
-    return instance;
+    static auto* instance = new std::shared_ptr<Velmora>();  // leaked: library threads may read it at exit
+    return *instance;
 }
 
 std::shared_ptr<Velmora> currentInstance() {
@@ -77,6 +78,9 @@ bool Velmora::initialize(const std::string& appId, const std::string& clientId,
         return false;
     }
     std::lock_guard serialised(initializeMutex());
+    // The shared client, and with it libcurl and OpenSSL, is set up now, on the host's thread: set up lazily
+    // by a request, it could still be initialising while the process exits.
+    NetworkClient::defaultClient();
 
     auto stores = std::make_shared<const Stores>(appId);
     auto details = std::make_shared<const ApplicationConfiguration>(appId, clientId, velmoraUrl);

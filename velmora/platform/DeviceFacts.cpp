@@ -72,7 +72,8 @@ std::shared_ptr<const DeviceFacts> DeviceFacts::current() {
     if (auto installed = Environment::current()->deviceFacts) {
         return installed;
     }
-    static const auto linux = std::make_shared<const LinuxDeviceFacts>();
+    static const auto& linux =
+        *new std::shared_ptr<const LinuxDeviceFacts>(std::make_shared<LinuxDeviceFacts>());
     return linux;
 }
 

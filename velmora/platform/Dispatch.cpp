@@ -1,6 +1,7 @@
 #include "velmora/platform/Dispatch.h"
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "velmora/platform/Environment.h"
+#include "velmora/platform/ExitGuard.h"
 #include "velmora/platform/Format.h"
 #include "velmora/platform/SystemLog.h"
 
@@ -38,8 +40,18 @@ thread_local bool onPoolWorker = false;
 class GlobalPool {
   public:
     static GlobalPool& shared() {
-        static auto* pool = new GlobalPool();  // leaked: its detached workers must never see it destroyed
+        static auto* pool = [] {
+            auto* created = new GlobalPool();  // leaked: its detached workers must never see it destroyed
+            started().store(created);
+            return created;
+        }();
         return *pool;
+    }
+
+    // The pool if it was ever started: stopping must not start it.
+    static std::atomic<GlobalPool*>& started() {
+        static std::atomic<GlobalPool*> instance{nullptr};
+        return instance;
     }
 
     void submit(std::function<void()> task) {
@@ -47,6 +59,9 @@ class GlobalPool {
         {
             std::lock_guard lock(mutex_);
             tasks_.push_back(std::move(task));
+            if (stopping_) {
+                return;  // kept, never run: the process is exiting
+            }
             if (idle_.empty()) {
                 spawnIfAllowed();
                 return;
@@ -66,6 +81,9 @@ class GlobalPool {
         }
         std::lock_guard lock(mutex_);
         ++blocked_;
+        if (stopping_) {
+            idleChanged_.notify_all();  // one fewer block running for stop() to wait for
+        }
         if (tasks_.size() > idle_.size()) {
             spawnIfAllowed();
         }
@@ -73,8 +91,28 @@ class GlobalPool {
     }
 
     void didUnblock() {
-        std::lock_guard lock(mutex_);
+        std::unique_lock lock(mutex_);
+        if (stopping_) {
+            // The process is exiting: the wait ended, but the block that waited must not go on while the
+            // process's statics are torn down. The thread stays here, still counted as blocked, until the
+            // process is gone.
+            parked_.wait(lock, [] { return false; });
+        }
         --blocked_;
+    }
+
+    // No worker takes another task; waits until the running ones are done or the deadline passes.
+    void stop(std::chrono::steady_clock::time_point deadline) {
+        std::vector<std::shared_ptr<IdleSlot>> sleepers;
+        std::unique_lock lock(mutex_);
+        stopping_ = true;
+        sleepers.swap(idle_);
+        for (const auto& slot : sleepers) {
+            slot->woken = true;
+            slot->wake.notify_one();
+        }
+        // Workers blocked in a wait are parked when it ends; only those still running a block are waited for.
+        idleChanged_.wait_until(lock, deadline, [this] { return running_ <= blocked_; });
     }
 
     GlobalPoolStatistics statistics() {
@@ -93,7 +131,9 @@ class GlobalPool {
         bool woken = false;
     };
 
-    GlobalPool() : base_(std::max<std::size_t>(4, std::thread::hardware_concurrency())) {}
+    GlobalPool() : base_(std::max<std::size_t>(4, std::thread::hardware_concurrency())) {
+        registerExitGuard();
+    }
 
     // Called with the lock held.
     void spawnIfAllowed() {
@@ -120,13 +160,22 @@ class GlobalPool {
         const auto slot = std::make_shared<IdleSlot>();
         std::unique_lock lock(mutex_);
         for (;;) {
+            if (stopping_) {
+                --threads_;
+                return;
+            }
             if (!tasks_.empty()) {
                 auto task = std::move(tasks_.front());
                 tasks_.pop_front();
+                ++running_;
                 lock.unlock();
                 runBlock(task, "com.velmora.global");
                 task = nullptr;  // destroy captures outside the lock
                 lock.lock();
+                --running_;
+                if (stopping_) {
+                    idleChanged_.notify_all();
+                }
                 continue;
             }
             slot->woken = false;
@@ -154,6 +203,10 @@ class GlobalPool {
     std::size_t threads_ = 0;
     std::size_t blocked_ = 0;
     std::size_t peak_ = 0;
+    std::size_t running_ = 0;  // workers inside a task
+    bool stopping_ = false;
+    std::condition_variable idleChanged_;
+    std::condition_variable parked_;  // never notified
     bool capReported_ = false;
 };
 
@@ -177,8 +230,26 @@ class BlockingRegion {
 class LibraryMainThread {
   public:
     static LibraryMainThread& shared() {
-        static auto* thread = new LibraryMainThread();  // leaked, like the pool
+        static auto* thread = [] {
+            auto* created = new LibraryMainThread();  // leaked, like the pool
+            started().store(created);
+            return created;
+        }();
         return *thread;
+    }
+
+    // The thread if it was ever started: stopping must not start it.
+    static std::atomic<LibraryMainThread*>& started() {
+        static std::atomic<LibraryMainThread*> instance{nullptr};
+        return instance;
+    }
+
+    // Runs no further block; waits until the one running (if any) is done or the deadline passes.
+    void stop(std::chrono::steady_clock::time_point deadline) {
+        std::unique_lock lock(mutex_);
+        stopping_ = true;
+        wake_.notify_one();
+        idle_.wait_until(lock, deadline, [this] { return !running_; });
     }
 
     void submit(std::function<void()> block) {
@@ -197,16 +268,25 @@ class LibraryMainThread {
     void run() {
         std::unique_lock lock(mutex_);
         for (;;) {
-            wake_.wait(lock, [this] { return !blocks_.empty(); });
+            wake_.wait(lock, [this] { return !blocks_.empty() || stopping_; });
+            if (stopping_) {
+                return;
+            }
             auto block = std::move(blocks_.front());
             blocks_.pop_front();
+            running_ = true;
             lock.unlock();
             runBlock(block, "com.velmora.main");
             block = nullptr;
             lock.lock();
+            running_ = false;
+            idle_.notify_all();
         }
     }
 
+    bool stopping_ = false;
+    bool running_ = false;
+    std::condition_variable idle_;
     std::mutex mutex_;
     std::condition_variable wake_;
     std::deque<std::function<void()>> blocks_;
@@ -451,6 +531,15 @@ void DispatchGroup::notify(const DispatchQueue& queue, std::function<void()> blo
 
 GlobalPoolStatistics globalPoolStatistics() {
     return GlobalPool::shared().statistics();
+}
+
+void stopDispatchThreads(std::chrono::steady_clock::time_point deadline) {
+    if (auto* pool = GlobalPool::started().load()) {
+        pool->stop(deadline);
+    }
+    if (auto* mainThread = LibraryMainThread::started().load()) {
+        mainThread->stop(deadline);
+    }
 }
 
 }  // namespace velmora::platform

@@ -328,7 +328,7 @@ std::string textOf(const PropertyValue& value) {
         return std::to_string(d->size()) + " bytes";
     }
     if (const auto* date = value.getIf<Date>()) {
-        static const DateFormatter formatter("yyyy-MM-dd HH:mm:ss '+0000'");
+        static const auto& formatter = *new DateFormatter("yyyy-MM-dd HH:mm:ss '+0000'");
         return formatter.string(*date);
     }
     if (const auto* i = value.getIf<std::int64_t>()) {

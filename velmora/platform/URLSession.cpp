@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <condition_variable>
 #include <map>
 #include <set>
 #include <thread>
 #include <vector>
 
 #include "velmora/platform/Environment.h"
+#include "velmora/platform/ExitGuard.h"
 #include "velmora/platform/Format.h"
 #include "velmora/platform/HTTPText.h"
 #include "velmora/platform/SystemLog.h"
@@ -93,7 +95,7 @@ bool isRedirectStatus(long status) {
 
 // Headers that identify the user or the app to the account; they never leave its origin.
 bool isCredential(const std::string& name) {
-    static const std::set<std::string, CaseInsensitiveLess> credentials{
+    static const auto& credentials = *new std::set<std::string, CaseInsensitiveLess>{
         "Authorization", "Proxy-Authorization", "Cookie", "Client-Identifier"};
     return credentials.count(name) > 0;
 }
@@ -102,7 +104,11 @@ constexpr long maximumRedirects = 16;
 constexpr int idlePollMilliseconds = 24 * 60 * 60 * 1000;
 
 void initialiseCurlOnce() {
-    static const bool done = [] { return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; }();
+    static const bool done = [] {
+        const bool initialised = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+        registerExitGuard();  // after OpenSSL registered its cleanup, so that the guard runs before it
+        return initialised;
+    }();
     (void)done;
 }
 
@@ -178,9 +184,25 @@ struct URLSession::Engine {
     std::vector<CURL*> idleHandles;
     static constexpr std::size_t maximumIdleHandles = 64;
     std::atomic<std::uint64_t> nextIdentifier{1};
+    bool abandoning = false;          // the process is exiting: drop everything, call nobody back
+    std::condition_variable stopped;  // with `mutex`: `finished` became true
+
+    // Every engine alive, so that the exit guard can stop their threads.
+    static std::mutex& registryMutex() {
+        static auto* mutex = new std::mutex();
+        return *mutex;
+    }
+    static std::set<Engine*>& registry() {
+        static auto* engines = new std::set<Engine*>();
+        return *engines;
+    }
 
     explicit Engine(URLSession& owner) : session(owner) {
         initialiseCurlOnce();
+        {
+            std::lock_guard lock(registryMutex());
+            registry().insert(this);
+        }
         multi = curl_multi_init();
         curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS,
                           static_cast<long>(owner.configuration_.httpMaximumConnectionsPerHost));
@@ -207,6 +229,18 @@ struct URLSession::Engine {
             for (auto& operation : due) {
                 operation();
             }
+            if (abandoning) {
+                // Handles are left to the process's end: cleaning them up could reach OpenSSL's teardown.
+                for (auto& [easy, transfer] : transfers) {
+                    curl_multi_remove_handle(multi, easy);
+                    transfer.release();
+                }
+                transfers.clear();
+                std::lock_guard lock(mutex);
+                finished = true;
+                stopped.notify_all();
+                return;
+            }
             int running = 0;
             curl_multi_perform(multi, &running);
             int queued = 0;
@@ -219,6 +253,7 @@ struct URLSession::Engine {
                 std::lock_guard lock(mutex);
                 if (operations.empty()) {
                     finished = true;
+                    stopped.notify_all();
                     break;
                 }
             }
@@ -559,6 +594,10 @@ std::shared_ptr<URLSession> URLSession::make(URLSessionConfiguration configurati
 }
 
 URLSession::~URLSession() {
+    {
+        std::lock_guard lock(Engine::registryMutex());
+        Engine::registry().erase(engine_.get());
+    }
     invalidateAndCancel();
     if (engine_->thread.joinable()) {
         if (engine_->thread.get_id() == std::this_thread::get_id()) {
@@ -611,6 +650,17 @@ void URLSession::finishTasksAndInvalidate() {
 void URLSession::invalidateAndCancel() {
     engine_->post([this] { engine_->cancelEverything(); });
     finishTasksAndInvalidate();
+}
+
+void stopURLSessions(std::chrono::steady_clock::time_point deadline) {
+    std::lock_guard registryLock(URLSession::Engine::registryMutex());
+    for (auto* engine : URLSession::Engine::registry()) {
+        engine->post([engine] { engine->abandoning = true; });
+    }
+    for (auto* engine : URLSession::Engine::registry()) {
+        std::unique_lock lock(engine->mutex);
+        engine->stopped.wait_until(lock, deadline, [engine] { return engine->finished; });
+    }
 }
 
 }  // namespace velmora::platform

@@ -3,12 +3,13 @@
 namespace velmora {
 
 const platform::DateFormatter& DateStringParser::withMilliseconds() {
-    static const platform::DateFormatter formatter("yyyy-MM-dd'T'HH:mm:ss.SSS'Z'");
+    // Leaked, like every static a library thread may use while the process exits.
+    static const auto& formatter = *new platform::DateFormatter("yyyy-MM-dd'T'HH:mm:ss.SSS'Z'");
     return formatter;
 }
 
 const platform::DateFormatter& DateStringParser::withoutMilliseconds() {
-    static const platform::DateFormatter formatter("yyyy-MM-dd'T'HH:mm:ss'Z'");
+    static const auto& formatter = *new platform::DateFormatter("yyyy-MM-dd'T'HH:mm:ss'Z'");
     return formatter;
 }
 
