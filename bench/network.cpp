@@ -163,8 +163,8 @@ int main() {
     const auto details = std::make_shared<ApplicationConfiguration>("app", "client", server.url());
     const platform::DispatchQueue callbacks("com.velmora.bench.callbacks");
     const auto makeService = [&] {
-        return ProviderService(details, resourceURL(details->accountUrl(), path), false, HttpMethod::get, {},
-                               std::nullopt, callbacks,
+        return ProviderService(details, resourceURL(details->accountUrl(), path).value(), false,
+                               HttpMethod::get, {}, std::nullopt, callbacks,
                                Interceptors{{std::make_shared<ClientIdentifierInterceptor>(details)},
                                             {},
                                             interceptorQueue(),

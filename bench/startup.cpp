@@ -152,7 +152,7 @@ void measureEvents() {
         readings.push_back(nanosecondsBetween(start, Clock::now()) / (events / 10));
         start = Clock::now();
         for (int i = 0; i < events / 10; ++i) {
-            auto url = BlipsProvider::blipURL(blips.convert(action).data().value(), *details);
+            auto url = BlipsProvider::blipURL(blips.convert(action).data().value(), *details).value();
             opaque(url);
         }
         library.push_back(nanosecondsBetween(start, Clock::now()) / (events / 10));

@@ -46,6 +46,8 @@ inline constexpr std::int64_t secureConnectionFailed = -1200;
 inline constexpr std::int64_t serverCertificateUntrusted = -1202;
 // A redirect from https to http: never followed.
 inline constexpr std::int64_t secureConnectionRequired = -1022;
+// An answer larger than Environment::http.maximumResponseBytes.
+inline constexpr std::int64_t dataLengthExceedsMaximum = -1103;
 }  // namespace url
 
 // File-system failures; the code is the errno value.

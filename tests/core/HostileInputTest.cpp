@@ -15,6 +15,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using mock::AccountServer;
+using mock::ScriptedAnswer;
 using nlohmann::json;
 
 class HostileInputTest : public LibraryTest {
@@ -153,6 +154,51 @@ TEST_F(HostileInputTest, AServerChosenIdentifierThatLeavesItsSegmentIsNeitherSto
     velmora->setIdentity(Identity::createJwt("another-user"));
     ASSERT_TRUE(drain());
     EXPECT_TRUE(server.requests("DELETE", "/api/mobile/users/me.json").empty());
+}
+
+// Values too large for a URL used to stop the process; now the call fails and the host goes on.
+TEST_F(HostileInputTest, ValuesTooLargeForAUrlFailTheCallInsteadOfStoppingTheProcess) {
+    const auto velmora = start();
+    Awaited<Result<User>> tagged;
+    velmora->providerModule().user().deleteTags(std::vector<std::string>(1'500'000, "a b"),
+                                                tagged.callback());
+    ASSERT_TRUE(tagged.wait().isError());
+    EXPECT_EQ(tagged.wait().error().code(), errors::url::badURL);
+    EXPECT_TRUE(tagged.onMain()) << "the failure arrives like any other answer";
+
+    logs->clear();
+    velmora->providerModule().push().unregisterForPush(std::string(9 << 20, 'x'));
+    EXPECT_EQ(logs->linesStartingWith("[DEBUG]: Push unregistration failed with").size(), 1u);
+    ASSERT_TRUE(drain());
+    EXPECT_TRUE(server.requests("DELETE", "").empty());
+}
+
+// One deadline for the whole call: a server that never answers its settings, or one that trickles a byte
+// every half second, ends the call when the host's bound has passed, not once per hop or never.
+TEST_F(HostileInputTest, AWholeCallEndsByTheRequestDeadline) {
+    environment.http.requestDeadline = 2;
+    environment.http.timeoutInterval = 2;
+    reinstallEnvironment();
+    server.script("GET", "/api/private/mobile_sdk/settings/app.json",
+                  {.status = 200, .body = "{}", .delay = 20s});
+    server.script("POST", "/access/sdk/jwt", {.status = 200, .body = "{}", .delay = 20s});
+    auto velmora = start();
+    auto started = std::chrono::steady_clock::now();
+    auto user = getUser(*velmora);
+    ASSERT_TRUE(user.isError());
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 3500ms)
+        << "settings, login and call took one bound each";
+
+    IdentityStore("app").update(IdentityStore::authTokenKey, PropertyValue(std::string("token")));
+    ScriptedAnswer trickle{.status = 200, .chunkDelay = 500ms};
+    trickle.chunks.assign(40, " ");
+    server.script("GET", "/api/mobile/users/me.json", trickle);
+    started = std::chrono::steady_clock::now();
+    user = getUser(*velmora);
+    ASSERT_TRUE(user.isError());
+    EXPECT_EQ(user.error().code(), errors::url::timedOut);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 3500ms) << "a trickle kept the request alive";
+    ASSERT_TRUE(drain());
 }
 
 TEST_F(HostileInputTest, InitializeRefusesAccountUrlsThatAreNoPlainBase) {

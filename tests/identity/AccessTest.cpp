@@ -64,8 +64,8 @@ class AccessTest : public LibraryTest {
         chain.push_back(std::make_shared<AuthRequestInterceptor>(IdentityStore("app")));
         chain.push_back(std::make_shared<ClientIdentifierInterceptor>(details));
         return ProviderService(
-            details, resourceURL(details->accountUrl(), path), true, HttpMethod::get, {}, std::nullopt,
-            platform::DispatchQueue("com.velmora.tests.callbacks"),
+            details, resourceURL(details->accountUrl(), path).value(), true, HttpMethod::get, {},
+            std::nullopt, platform::DispatchQueue("com.velmora.tests.callbacks"),
             Interceptors{std::move(chain), {}, interceptorQueue(), platform::DispatchGroup()});
     }
 

@@ -1,9 +1,14 @@
 #include "velmora/platform/URLSession.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <condition_variable>
 #include <cstdlib>
+#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -85,6 +90,70 @@ std::string joined(const std::vector<Data>& chunks) {
         all += chunk.toString();
     }
     return all;
+}
+
+// A server that answers every request with a body it never finishes (or one of `limit` bytes), written
+// from one small buffer: it costs this process no memory, whatever the client does with the bytes.
+class EndlessServer {
+  public:
+    explicit EndlessServer(std::size_t limit = 0) : limit_(limit) {
+        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        ::listen(listener_, 4);
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~EndlessServer() {
+        ::shutdown(listener_, SHUT_RDWR);
+        ::close(listener_);
+        thread_.join();
+    }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/big.json"; }
+
+  private:
+    void serve() {
+        const int connection = ::accept(listener_, nullptr, nullptr);
+        if (connection < 0) {
+            return;
+        }
+        char request[4096];
+        (void)::recv(connection, request, sizeof request, 0);
+        const std::string head =
+            "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nConnection: close\r\n\r\n";
+        (void)::send(connection, head.data(), head.size(), MSG_NOSIGNAL);
+        const std::string block(64 * 1024, ' ');
+        std::size_t sent = 0;
+        while (limit_ == 0 || sent < limit_) {
+            const auto n = ::send(connection, block.data(), block.size(), MSG_NOSIGNAL);
+            if (n <= 0) {
+                break;
+            }
+            sent += static_cast<std::size_t>(n);
+        }
+        ::close(connection);
+    }
+
+    std::size_t limit_;
+    int listener_ = -1;
+    int port_ = 0;
+    std::thread thread_;
+};
+
+// The process's peak resident memory so far, in MiB.
+long peakMebibytes() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.starts_with("VmHWM:")) {
+            return std::stol(line.substr(6)) / 1024;
+        }
+    }
+    return 0;
 }
 
 class URLSessionTest : public LibraryTest {
@@ -223,6 +292,21 @@ TEST_F(URLSessionTest, TheProcessProxyVariablesAreReadOnlyWhenTheHostAsksForThem
     reinstallEnvironment();
     run(request("/api/private/mobile_sdk/settings/app.json"));
     EXPECT_EQ(proxy.requests().size(), 1u) << "the host opted in";
+}
+
+// A 300 MB answer and an endless one both end at the size limit, and what came is released.
+TEST_F(URLSessionTest, AnAnswerLargerThanTheLimitFailsAndCostsNoMoreThanTheLimit) {
+    environment.http.maximumResponseBytes = 8 * 1024 * 1024;
+    reinstallEnvironment();
+    const auto before = peakMebibytes();
+    for (const std::size_t limit : {std::size_t{300} << 20, std::size_t{0}}) {
+        EndlessServer big(limit);
+        const auto outcome = run(URLRequest(*URL::fromString(big.url())));
+        ASSERT_TRUE(outcome.error.has_value()) << "a body of " << limit << " bytes was accepted";
+        EXPECT_EQ(outcome.error->code(), URLError::dataLengthExceedsMaximum);
+    }
+    // The delegate of this test keeps every chunk it was given, so the peak shows what was let in.
+    EXPECT_LT(peakMebibytes() - before, 64) << "MiB of peak memory for answers cut at 8 MiB";
 }
 
 TEST_F(URLSessionTest, BrokenTransfersBecomeUrlErrorsNeverHangs) {

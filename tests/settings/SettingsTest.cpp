@@ -152,8 +152,8 @@ TEST_F(SettingsTest, TheDefaultChainFetchesSettingsLogsInAndAuthorisesInThatOrde
     const auto get = [&] {
         Awaited<int> status;
         auto callback = status.callback();
-        makeProviderService(details, resourceURL(details->accountUrl(), "/api/mobile/users/me.json"), true,
-                            HttpMethod::get, {}, std::nullopt,
+        makeProviderService(details, resourceURL(details->accountUrl(), "/api/mobile/users/me.json").value(),
+                            true, HttpMethod::get, {}, std::nullopt,
                             platform::DispatchQueue("com.velmora.tests.callbacks"))
             .perform([callback](const auto&, const auto& response, const auto&) {
                 callback(response ? response->statusCode() : 0);

@@ -9,7 +9,7 @@
 
 namespace velmora {
 
-platform::URL BlipsProvider::blipURL(const Data& data, const AccountDetails& accountDetails) {
+Result<platform::URL> BlipsProvider::blipURL(const Data& data, const AccountDetails& accountDetails) {
     return resourceURL(accountDetails.accountUrl(), "/embeddable_blip?data=" + platform::base64Encode(data));
 }
 
@@ -63,9 +63,13 @@ void BlipsProvider::sendBlipEvent(const Data& data, BlipsGroup) const {
         {std::make_shared<InvalidResponseInterceptor>(appId)},
         interceptorQueue(),
         platform::DispatchGroup()};
-    ProviderService(accountDetails_, blipURL(data, *accountDetails_), false, HttpMethod::get,
-                    acceptLanguageHeader(), std::nullopt, platform::DispatchQueue::main(),
-                    std::move(interceptors))
+    auto url = blipURL(data, *accountDetails_);
+    if (url.isError()) {
+        CoreLogger::debug(platform::format("Unable to blip %@", url.error().description()));
+        return;
+    }
+    ProviderService(accountDetails_, std::move(url).value(), false, HttpMethod::get, acceptLanguageHeader(),
+                    std::nullopt, platform::DispatchQueue::main(), std::move(interceptors))
         .perform([](const std::optional<Data>&, const std::shared_ptr<const platform::HTTPURLResponse>&,
                     const std::optional<Error>& error) {
             if (error) {

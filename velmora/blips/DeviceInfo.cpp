@@ -19,7 +19,7 @@ std::string wholeNumber(double value) {
     const double truncated = std::trunc(value);
     if (!std::isfinite(truncated) || truncated >= 9.2233720368547758e18 ||
         truncated < -9.2233720368547758e18) {
-        platform::fatalError("DeviceUtil: a reading does not fit a 64-bit integer");
+        return "-1";  // a reading that is no number (a host's device facts may give one) is unknown
     }
     return std::to_string(static_cast<std::int64_t>(truncated));
 }

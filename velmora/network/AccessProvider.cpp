@@ -100,7 +100,7 @@ json Access::toJson() const {
     return json{{"authentication", authentication.toJson()}};
 }
 
-platform::URL accessURL(const Identity& identity, const AccountDetails& details) {
+Result<platform::URL> accessURL(const Identity& identity, const AccountDetails& details) {
     return resourceURL(details.accountUrl(),
                        identity.anonymous() != nullptr ? "/access/sdk/anonymous" : "/access/sdk/jwt");
 }
@@ -134,8 +134,13 @@ void AccessProvider::getAccess(std::function<void(Result<Access>)> callback) {
     }
     // Its own one-interceptor chain: the login interceptor must not call itself, and a 401 from the access
     // endpoint clears nothing.
-    const ProviderService service(environment_, accessURL(*identity, *environment_), false, HttpMethod::post,
-                                  {}, accessBody(*identity, identityStore_), platform::DispatchQueue::main(),
+    auto url = accessURL(*identity, *environment_);
+    if (url.isError()) {
+        callback(Result<Access>::error(url.error()));
+        return;
+    }
+    const ProviderService service(environment_, std::move(url).value(), false, HttpMethod::post, {},
+                                  accessBody(*identity, identityStore_), platform::DispatchQueue::main(),
                                   Interceptors{{std::make_shared<ClientIdentifierInterceptor>(environment_)},
                                                {},
                                                interceptorQueue(),

@@ -41,7 +41,7 @@ struct Access {
 std::optional<std::int64_t> parseDecimalInt64(std::string_view text);
 
 // The access endpoint for an identity: account URL + "/access/sdk/anonymous" or "/access/sdk/jwt".
-platform::URL accessURL(const Identity& identity, const AccountDetails& details);
+Result<platform::URL> accessURL(const Identity& identity, const AccountDetails& details);
 
 // The access call's body: {"user": {...}} with the store's GUID for anonymous users, the token for JWT users.
 // Empty when it cannot be encoded; the call then goes without a body.

@@ -148,13 +148,32 @@ Result<platform::URLRequest> NetworkClient::intercept(const platform::URLRequest
     return current;
 }
 
+namespace {
+
+// The deadline of the call whose interceptors run on this thread: requests they make share it, so that a
+// host's bound holds for the whole call, not for each of its hops.
+thread_local std::optional<std::chrono::steady_clock::time_point> runningChainDeadline;
+
+}  // namespace
+
+std::optional<std::chrono::steady_clock::time_point> NetworkClient::chainDeadline() {
+    return runningChainDeadline;
+}
+
 void NetworkClient::execute(const ProviderService& service, const platform::DispatchQueue& queue,
                             TaskCompletion completionHandler) {
+    const auto deadline = service.deadline.value_or(
+        std::chrono::steady_clock::now() +
+        std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+            std::chrono::duration<double>(platform::Environment::current()->http.requestDeadline)));
+    const auto outer = std::exchange(runningChainDeadline, deadline);
     auto intercepted = intercept(service.request(), service.interceptors);
+    runningChainDeadline = outer;
     if (intercepted.isError()) {
         completionHandler(std::nullopt, nullptr, intercepted.error());
         return;
     }
+    intercepted.value().deadline = deadline;
     auto task = session_->dataTask(std::move(intercepted).value());
     taskHandlerManager_->append(std::make_shared<URLSessionTaskHandler>(URLSessionTaskHandler{
         task->taskIdentifier(), queue, std::move(completionHandler), service.reporter,

@@ -79,6 +79,9 @@ class NetworkClient {
     // directory, no cookies, the shared headers on every request. Made on first use, kept for the process.
     static NetworkClient& defaultClient();
 
+    // The deadline of the call whose request interceptors run on this thread, if any.
+    static std::optional<std::chrono::steady_clock::time_point> chainDeadline();
+
     NetworkClient(platform::URLSessionConfiguration configuration, std::shared_ptr<SessionDelegate> delegate);
 
     // Runs the interceptor chain on this thread, then starts the request; the completion comes on `queue`,

@@ -5,7 +5,8 @@
 #include "velmora/Errors.h"
 #include "velmora/network/NetworkClient.h"
 #include "velmora/network/PendingRequests.h"
-#include "velmora/platform/Fatal.h"
+#include "velmora/platform/HTTPText.h"
+#include "velmora/platform/URLSession.h"
 
 namespace velmora {
 
@@ -13,14 +14,15 @@ Error toError(const SDKError&) {
     return Error(std::string(errors::sdkDomain), 1);
 }
 
-platform::URL resourceURL(const std::string& accountUrl, std::string_view path) {
-    const std::string text = accountUrl + std::string(path);
-    auto url = platform::URL::fromString(text);
+Result<platform::URL> resourceURL(const std::string& accountUrl, std::string_view path) {
+    auto url = platform::URL::fromString(accountUrl + std::string(path));
     if (!url) {
-        platform::fatalError("Cannot form a URL from \"" + text +
-                             "\": the account URL given to initialize is not a URL");
+        return Result<platform::URL>::error(platform::URLError::make(
+            platform::URLError::badURL, {},
+            "the path " + platform::quotedForMessage(path) + " (" + std::to_string(path.size()) +
+                " bytes) does not form a URL with the account URL; nothing was sent"));
     }
-    return *url;
+    return Result<platform::URL>::success(std::move(*url));
 }
 
 ProviderService::ProviderService(std::shared_ptr<const AccountDetails> environment_,
@@ -47,10 +49,19 @@ platform::URLRequest ProviderService::request() const {
     }
     request.httpBody = body;
     request.httpMethod = std::string(rawValue(httpMethod));
+    request.deadline = deadline;
     return request;
 }
 
 void ProviderService::perform(TaskCompletion callback) const {
+    if (!deadline) {
+        if (const auto inherited = NetworkClient::chainDeadline()) {
+            auto sharing = *this;
+            sharing.deadline = inherited;
+            ExecutorConfig::perform(sharing, std::move(callback));
+            return;
+        }
+    }
     ExecutorConfig::perform(*this, std::move(callback));
 }
 

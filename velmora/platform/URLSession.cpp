@@ -38,6 +38,8 @@ std::string describe(int code) {
             return "too many HTTP redirects";
         case URLError::secureConnectionRequired:
             return "The resource could not be loaded because a secure connection is required.";
+        case URLError::dataLengthExceedsMaximum:
+            return "The resource exceeds the maximum size.";
         case URLError::badServerResponse:
             return "The server returned a bad response.";
         case URLError::secureConnectionFailed:
@@ -162,6 +164,9 @@ struct URLSession::Engine {
         URLRequest request;  // as sent in the current hop: redirects change it
         long redirects = 0;
         bool crossedOrigin = false;  // once another origin was reached, no credential is sent again
+        std::size_t received = 0;    // body bytes of the current answer, after decompression
+        bool tooLarge = false;
+        std::chrono::steady_clock::time_point deadline;
         CURL* easy = nullptr;
         curl_slist* headers = nullptr;
         std::string body;
@@ -293,6 +298,11 @@ struct URLSession::Engine {
         if (engine.isRedirect(transfer)) {
             return size * count;  // the body of a redirect is nobody's answer
         }
+        transfer.received += size * count;
+        if (transfer.received > Environment::current()->http.maximumResponseBytes) {
+            transfer.tooLarge = true;
+            return 0;  // libcurl ends the transfer
+        }
         engine.captureResponse(transfer);
         transfer.delivered = true;
         engine.session.delegate_->didReceiveData(engine.session, *transfer.task, Data(buffer, size * count));
@@ -342,6 +352,10 @@ struct URLSession::Engine {
     // `refuse`: the session was already invalidated when the task was resumed.
     void begin(const std::shared_ptr<URLSessionDataTask>& task, bool refuse) {
         auto transfer = std::make_unique<Transfer>(task);
+        transfer->deadline = task->request_.deadline.value_or(
+            std::chrono::steady_clock::now() +
+            std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                std::chrono::duration<double>(Environment::current()->http.requestDeadline)));
         if (refuse) {
             complete(*transfer, URLError::make(URLError::cancelled, task->request_.url.absoluteString(),
                                                "the session was invalidated"));
@@ -412,6 +426,16 @@ struct URLSession::Engine {
         curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
         curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
         curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, std::max(1L, (timeoutMs + 999) / 1000));
+        // However steadily the server trickles, the whole exchange, redirects included, ends by the deadline.
+        const auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                   transfer->deadline - std::chrono::steady_clock::now())
+                                   .count();
+        if (remaining <= 0) {
+            complete(*transfer, URLError::make(URLError::timedOut, request.url.absoluteString(),
+                                               "the request's deadline passed before it was sent"));
+            return;
+        }
+        curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(remaining));
         curl_easy_setopt(easy, CURLOPT_HTTPHEADER, transfer->headers);
 
         if (request.httpMethod == "GET" && !request.httpBody) {
@@ -480,6 +504,7 @@ struct URLSession::Engine {
         }
         next.url = *target;
         transfer->responseHeaders.clear();
+        transfer->received = 0;
         transfer->sent = 0;
         transfer->body.clear();
         curl_easy_reset(transfer->easy);
@@ -506,7 +531,12 @@ struct URLSession::Engine {
         }
         captureResponse(*transfer);
         std::optional<Error> error;
-        if (result != CURLE_OK) {
+        if (transfer->tooLarge) {
+            error = URLError::make(
+                URLError::dataLengthExceedsMaximum, transfer->task->request_.url.absoluteString(),
+                "the answer was larger than " +
+                    std::to_string(Environment::current()->http.maximumResponseBytes) + " bytes");
+        } else if (result != CURLE_OK) {
             error = URLError::make(
                 urlErrorCode(result), transfer->task->request_.url.absoluteString(),
                 transfer->errorText[0] != '\0' ? transfer->errorText : curl_easy_strerror(result));

@@ -30,6 +30,7 @@ struct URLError {
     static constexpr int secureConnectionFailed = errors::url::secureConnectionFailed;
     static constexpr int serverCertificateUntrusted = errors::url::serverCertificateUntrusted;
     static constexpr int secureConnectionRequired = errors::url::secureConnectionRequired;
+    static constexpr int dataLengthExceedsMaximum = errors::url::dataLengthExceedsMaximum;
 
     static Error make(int code, const std::string& failingUrl, const std::string& detail = {});
 };

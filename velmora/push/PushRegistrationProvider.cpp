@@ -94,10 +94,13 @@ void PushRegistrationProvider::registerIdentifier(const std::string& identifier,
         CoreLogger::error("Could not serialize Push registration request into JSON");
         return;
     }
-    makeProviderService(
-        accountDetails_,
-        resourceURL(accountDetails_->accountUrl(), "/api/mobile/push_notification_devices.json"), true,
-        HttpMethod::post, {}, Data::fromString(encoded), platform::DispatchQueue::main())
+    auto url = resourceURL(accountDetails_->accountUrl(), "/api/mobile/push_notification_devices.json");
+    if (url.isError()) {
+        callback(Result<PushRegistrationResponse>::error(url.error()));
+        return;
+    }
+    makeProviderService(accountDetails_, std::move(url).value(), true, HttpMethod::post, {},
+                        Data::fromString(encoded), platform::DispatchQueue::main())
         .perform([self = *this, callback = std::move(callback)](
                      const std::optional<Data>& data,
                      const std::shared_ptr<const platform::HTTPURLResponse>& response,
@@ -136,9 +139,7 @@ void PushRegistrationProvider::unregisterForPush() const {
     unregisterForPush(*stored);
 }
 
-ProviderService PushRegistrationProvider::unregistrationService(const std::string& deviceIdentifier) const {
-    auto url = resourceURL(accountDetails_->accountUrl(),
-                           "/api/mobile/push_notification_devices/" + deviceIdentifier + ".json");
+ProviderService PushRegistrationProvider::unregistrationService(platform::URL url) const {
     // Unregistrations are made just before the session is cleared (another user, another account), and
     // the clearing would win the race against the chain reading the token. So the user's token is read now;
     // a 401 for it must not clear the stores, which by then belong to the next session.
@@ -157,15 +158,18 @@ ProviderService PushRegistrationProvider::unregistrationService(const std::strin
 }
 
 void PushRegistrationProvider::unregisterForPush(const std::string& deviceIdentifier) const {
-    if (!platform::isPathSegment(deviceIdentifier)) {
-        CoreLogger::debug(platform::format(
-            "Push unregistration failed with %@",
-            platform::pathSegmentError("the push identifier", deviceIdentifier).description()));
+    auto url = platform::isPathSegment(deviceIdentifier)
+                   ? resourceURL(accountDetails_->accountUrl(),
+                                 "/api/mobile/push_notification_devices/" + deviceIdentifier + ".json")
+                   : Result<platform::URL>::error(
+                         platform::pathSegmentError("the push identifier", deviceIdentifier));
+    if (url.isError()) {
+        CoreLogger::debug(platform::format("Push unregistration failed with %@", url.error().description()));
         return;
     }
     // Encoded now, with the time of the request; sent only once the server has let the device go.
     const auto pushOff = blipsProvider_.convert(coreSdkEvent("PushOff")).data();
-    unregistrationService(deviceIdentifier)
+    unregistrationService(std::move(url).value())
         .perform([self = *this, pushOff, deviceIdentifier](
                      const std::optional<Data>& data, const std::shared_ptr<const platform::HTTPURLResponse>&,
                      const std::optional<Error>& error) {

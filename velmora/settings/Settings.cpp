@@ -133,13 +133,18 @@ void SettingsProvider::getSettings(SettingsRequest request) {
         }
         return;
     }
+    auto url = resourceURL(environment_->accountUrl(),
+                           "/api/private/mobile_sdk/settings/" + environment_->applicationId() + ".json");
+    if (url.isError()) {
+        CoreLogger::debug("Returning default settings for " + name +
+                          ". Encounted an error: " + url.error().localizedDescription());
+        request.deliverDefault();
+        return;
+    }
     // The settings call passes through no interceptor: no client identifier, no login, no settings check.
-    const ProviderService service(
-        environment_,
-        resourceURL(environment_->accountUrl(),
-                    "/api/private/mobile_sdk/settings/" + environment_->applicationId() + ".json"),
-        false, HttpMethod::get, {}, std::nullopt, platform::DispatchQueue::main(),
-        Interceptors{{}, {}, interceptorQueue(), platform::DispatchGroup()});
+    const ProviderService service(environment_, std::move(url).value(), false, HttpMethod::get, {},
+                                  std::nullopt, platform::DispatchQueue::main(),
+                                  Interceptors{{}, {}, interceptorQueue(), platform::DispatchGroup()});
     service.perform([request = std::move(request), name, cache = settingsCache_](
                         const std::optional<Data>& data,
                         const std::shared_ptr<const platform::HTTPURLResponse>&,

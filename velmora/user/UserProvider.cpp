@@ -311,8 +311,14 @@ template <class T>
 void UserProvider::send(std::string_view path, HttpMethod method, std::optional<Data> body,
                         std::function<Result<T>(const Data&)> decode,
                         std::function<void(Result<T>)> callback) const {
-    makeProviderService(details_, resourceURL(details_->accountUrl(), path), true, method, {},
-                        std::move(body), platform::DispatchQueue::main())
+    auto url = resourceURL(details_->accountUrl(), path);
+    if (url.isError()) {
+        platform::DispatchQueue::main().async(
+            [callback = std::move(callback), error = url.error()] { callback(Result<T>::error(error)); });
+        return;
+    }
+    makeProviderService(details_, std::move(url).value(), true, method, {}, std::move(body),
+                        platform::DispatchQueue::main())
         .perform([decode = std::move(decode), callback = std::move(callback)](
                      const std::optional<Data>& data, const std::shared_ptr<const platform::HTTPURLResponse>&,
                      const std::optional<Error>& error) {

@@ -34,7 +34,8 @@ class VELMORA_EXPORT BlipsProvider {
     void sendBlipEvent(const Data& data, BlipsGroup group) const;
 
     // The account URL + "/embeddable_blip?data=" + the event's base64, put into the query as it is.
-    static platform::URL blipURL(const Data& data, const AccountDetails& accountDetails);
+    // A URL error when the event is too large for a URL.
+    static Result<platform::URL> blipURL(const Data& data, const AccountDetails& accountDetails);
 
   private:
     void sendIfPermitted(const BlipRequest& request, BlipsGroup group) const;

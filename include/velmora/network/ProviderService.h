@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -41,8 +42,9 @@ using TaskCompletion = std::function<void(const std::optional<Data>& data,
                                           const std::shared_ptr<const platform::HTTPURLResponse>& response,
                                           const std::optional<Error>& error)>;
 
-// The account URL followed by `path`, as one URL. Text that is not a URL is a programming error: fatal.
-VELMORA_EXPORT platform::URL resourceURL(const std::string& accountUrl, std::string_view path);
+// The account URL followed by `path`, as one URL; a URL error naming the path when the two do not form one
+// (a value in the path too long for a URL, or holding what a URL cannot).
+VELMORA_EXPORT Result<platform::URL> resourceURL(const std::string& accountUrl, std::string_view path);
 
 // One HTTP call as a provider describes it.
 struct VELMORA_EXPORT ProviderService {
@@ -63,6 +65,9 @@ struct VELMORA_EXPORT ProviderService {
     bool requiresAuth;
     Reporter reporter;
     std::shared_ptr<const AccountDetails> environment;
+    // When the whole call must be over. Empty: a call made while another one's interceptors run (its login,
+    // its settings) shares that call's deadline; any other starts its own from the environment.
+    std::optional<std::chrono::steady_clock::time_point> deadline;
 
     // The request as sent before the interceptors: URL, exactly these headers, body and method.
     platform::URLRequest request() const;

@@ -32,6 +32,12 @@ struct HTTPOptions {
     bool proxyFromEnvironment = false;
     // Seconds without progress after which a request fails with the time-out error.
     double timeoutInterval = 60;
+    // Seconds a whole call may take, the settings and login requests it needs included, however steadily
+    // the server trickles; past them it fails with the time-out error.
+    double requestDeadline = 120;
+    // The largest answer body, after decompression, that a request accepts; a larger one fails the request
+    // with errors::url::dataLengthExceedsMaximum and what was received is released.
+    std::size_t maximumResponseBytes = 16 * 1024 * 1024;
 };
 
 // What the host tells the library about the place it runs in. Set once, before initialising the library;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
@@ -28,6 +29,8 @@ struct VELMORA_EXPORT URLRequest {
     std::optional<Data> httpBody;
     // Seconds without progress before the request fails; empty: the environment's time-out.
     std::optional<double> timeoutInterval;
+    // When the whole exchange must be over; empty: the environment's request deadline from when it starts.
+    std::optional<std::chrono::steady_clock::time_point> deadline;
 
     void setValue(std::string value, std::string_view field) {
         allHTTPHeaderFields.insert_or_assign(std::string(field), std::move(value));

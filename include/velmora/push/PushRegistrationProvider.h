@@ -56,7 +56,7 @@ class VELMORA_EXPORT PushRegistrationProvider : public PushUnregisterProtocol {
     void registerIdentifier(const std::string& identifier, const std::string& locale, bool channel,
                             Callback callback) const;
     void sendPushEvent(const char* action) const;
-    ProviderService unregistrationService(const std::string& deviceIdentifier) const;
+    ProviderService unregistrationService(platform::URL url) const;
 
     std::shared_ptr<const AccountDetails> accountDetails_;
     std::shared_ptr<const UserDetails> userDetails_;
