@@ -136,6 +136,7 @@ TEST_F(CliTest, FailuresPrintTheErrorAndUsageAndTimeOutsHaveTheirOwnCodes) {
         EXPECT_NE(usage.err.find("\nusage: velmora --app-id ID"), std::string::npos);
     }
     EXPECT_EQ(velmora({"--log-level", "loud", "init"}).exitCode, 2);
+    EXPECT_EQ(velmora({"--timeout", "9.3e9", "init"}).exitCode, 2) << "a deadline past what the clock counts";
     EXPECT_EQ(velmora({"reinit", "--app-id", "a", "--client-id", "c", "--url", "not a url"}).exitCode, 2);
     EXPECT_EQ(server.requests().size(), before) << "a usage error does nothing";
 

@@ -201,6 +201,60 @@ TEST_F(HostileInputTest, AWholeCallEndsByTheRequestDeadline) {
     ASSERT_TRUE(drain());
 }
 
+// JSON nested far deeper than any real document, from the server and from the host: a decoding error or a
+// refusal, never a stack overflow (printing and copying JSON recurse once per level).
+TEST_F(HostileInputTest, DeeplyNestedJsonIsRefusedNotRecursedInto) {
+    const auto nested = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
+    server.script(
+        "GET", "/api/mobile/users/me.json",
+        {.status = 200, .body = R"({"user": {"id": 1, "user_fields": {"deep": )" + nested(50'000) + "}}}"});
+    auto velmora = start();
+    const auto user = getUser(*velmora);
+    ASSERT_TRUE(user.isError());
+    EXPECT_EQ(user.error().domain(), errors::decodingDomain);
+
+    server.script("POST", "/access/sdk/jwt",
+                  {.status = 401, .body = R"({"error": )" + nested(100'000) + "}"});
+    velmora = start("app2");
+    const auto refused = getUser(*velmora);
+    ASSERT_TRUE(refused.isError());
+    EXPECT_EQ(refused.error().code(), errors::accessFailed);
+
+    // Built and handed over by moves only: a copy of such a value would overflow the test's own stack.
+    const auto deep = [] {
+        json value = json::array();
+        for (int i = 0; i < 60'000; ++i) {
+            json outer = json::array();
+            outer.push_back(std::move(value));
+            value = std::move(outer);
+        }
+        return value;
+    };
+    std::map<std::string, json> values;
+    values.emplace("deep", deep());
+    Awaited<Result<User>> fields;
+    velmora->providerModule().user().setUserFields(values, fields.callback());
+    ASSERT_TRUE(fields.wait().isError());
+    EXPECT_EQ(fields.wait().error().code(), errors::encodingFailed);
+    UserAction action;
+    action.value = deep();
+    logs->clear();
+    velmora->providerModule().blip().send(action, BlipsGroup::required);
+    EXPECT_EQ(logs->linesStartingWith("[ERROR]: Faild to send blip").size(), 1u);
+    ASSERT_TRUE(drain());
+}
+
+TEST_F(HostileInputTest, AFailedAnswerThatIsNoRecordCarriesItsStatus) {
+    const auto velmora = start();
+    for (const int status : {429, 503, 401}) {
+        server.script("GET", "/api/mobile/users/me.json", {.status = status, .body = "Service Unavailable"});
+        const auto user = getUser(*velmora);
+        ASSERT_TRUE(user.isError());
+        EXPECT_EQ(user.error().userInfo().value(std::string(errors::httpStatusCodeKey), 0), status)
+            << "a host can tell a " << status << " from a malformed record";
+    }
+}
+
 TEST_F(HostileInputTest, InitializeRefusesAccountUrlsThatAreNoPlainBase) {
     const auto port = std::to_string(server.port());
     for (const std::string& url :

@@ -45,8 +45,9 @@ LogLevel logLevelNamed(const std::string& name) {
 double secondsFrom(const std::string& text) {
     char* end = nullptr;
     const double seconds = std::strtod(text.c_str(), &end);
-    if (text.empty() || *end != '\0' || !std::isfinite(seconds) || seconds <= 0) {
-        throw UsageError("--timeout needs a positive number of seconds, not '" + text + "'");
+    // A day at most: a deadline further out than the clock can count would read as one already past.
+    if (text.empty() || *end != '\0' || !std::isfinite(seconds) || seconds <= 0 || seconds > 86'400) {
+        throw UsageError("--timeout needs a number of seconds above 0 and at most 86400, not '" + text + "'");
     }
     return seconds;
 }

@@ -4,6 +4,7 @@
 #include "velmora/network/ProviderService.h"
 #include "velmora/platform/Base64.h"
 #include "velmora/platform/Format.h"
+#include "velmora/platform/Json.h"
 #include "velmora/settings/SettingsRequestInterceptor.h"
 #include "velmora/support/CoreLogger.h"
 
@@ -25,12 +26,30 @@ BlipRequest BlipsProvider::convert(const PageView& blip) const {
                                      blip.navigatorLanguage, blip.url, blip.value);
 }
 
+namespace {
+
+// A payload nested deeper than JSON may be anywhere in the library is refused before it is copied.
+bool acceptable(const BlipPayload& value) {
+    if (value && !platform::isWithinJsonDepth(*value)) {
+        CoreLogger::error("Faild to send blip: its value nests deeper than " +
+                          std::to_string(platform::maximumJsonDepth) + " levels");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 void BlipsProvider::send(const UserAction& blip, BlipsGroup group) const {
-    sendIfPermitted(convert(blip), group);
+    if (acceptable(blip.value)) {
+        sendIfPermitted(convert(blip), group);
+    }
 }
 
 void BlipsProvider::send(const PageView& blip, BlipsGroup group) const {
-    sendIfPermitted(convert(blip), group);
+    if (acceptable(blip.value)) {
+        sendIfPermitted(convert(blip), group);
+    }
 }
 
 void BlipsProvider::sendIfPermitted(const BlipRequest& request, BlipsGroup group) const {

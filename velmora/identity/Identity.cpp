@@ -1,6 +1,7 @@
 #include "velmora/identity/Identity.h"
 
 #include "velmora/Errors.h"
+#include "velmora/platform/Json.h"
 #include "velmora/support/JsonReading.h"
 #include "velmora/support/LibraryError.h"
 
@@ -91,7 +92,7 @@ Result<Identity> Identity::fromJson(const nlohmann::json& json) {
 }
 
 Result<Identity> Identity::decode(const Data& data) {
-    auto json = nlohmann::json::parse(data.view(), nullptr, false);
+    auto json = platform::parseJson(data.view());
     if (json.is_discarded()) {
         return Result<Identity>::error(Error::withDescription(
             std::string(errors::decodingDomain), errors::notJson,

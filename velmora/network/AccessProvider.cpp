@@ -6,6 +6,7 @@
 #include "velmora/network/AccountInterceptors.h"
 #include "velmora/network/NetworkClient.h"
 #include "velmora/platform/HTTPText.h"
+#include "velmora/platform/Json.h"
 #include "velmora/support/CoreLogger.h"
 #include "velmora/support/DecodingError.h"
 #include "velmora/support/LibraryError.h"
@@ -79,7 +80,7 @@ json Authentication::toJson() const {
 }
 
 Result<Access> Access::decode(const Data& data) {
-    const auto parsed = json::parse(data.view(), nullptr, false);
+    const auto parsed = platform::parseJson(data.view());
     if (parsed.is_discarded()) {
         return Result<Access>::error(DecodingError::dataCorrupted("The given data was not valid JSON."));
     }
@@ -174,7 +175,7 @@ void AccessProvider::getAccess(std::function<void(Result<Access>)> callback) {
             response ? platform::HTTPURLResponse::localizedString(response->statusCode())
                      : "Default error description";
         if (data) {
-            const auto body = json::parse(data->view(), nullptr, false);
+            const auto body = platform::parseJson(data->view());
             if (body.is_object()) {
                 for (const auto& [key, value] : body.items()) {
                     info[key] = value;

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "velmora/platform/FileManager.h"
+#include "velmora/platform/Json.h"
 #include "velmora/platform/SystemLog.h"
 
 namespace velmora::platform {
@@ -168,10 +169,13 @@ std::optional<CachedURLResponse> URLCache::cachedResponse(const URLRequest& requ
                            &statement, nullptr) == SQLITE_OK) {
         sqlite3_bind_text(statement, 1, key->c_str(), -1, SQLITE_TRANSIENT);
         if (sqlite3_step(statement) == SQLITE_ROW) {
-            const auto url =
-                URL::fromString(reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)));
-            const auto headers = nlohmann::json::parse(
-                reinterpret_cast<const char*>(sqlite3_column_text(statement, 2)), nullptr, false);
+            // A tampered cache may hold NULLs where text belongs: read as empty, they fail the checks below.
+            const auto text = [&](int column) {
+                const auto* value = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+                return std::string_view(value != nullptr ? value : "");
+            };
+            const auto url = URL::fromString(text(0));
+            const auto headers = parseJson(text(2));
             if (url && headers.is_object()) {
                 HTTPHeaderFields fields;
                 for (const auto& [name, value] : headers.items()) {

@@ -7,6 +7,7 @@
 #include "velmora/network/LoginInterceptors.h"
 #include "velmora/platform/Format.h"
 #include "velmora/platform/HTTPText.h"
+#include "velmora/platform/Json.h"
 #include "velmora/settings/DefaultInterceptors.h"
 #include "velmora/support/CoreLogger.h"
 #include "velmora/support/DecodingError.h"
@@ -17,7 +18,7 @@ using nlohmann::json;
 
 Result<PushRegistrationResponse> PushRegistrationResponse::decode(const Data& data) {
     using R = Result<PushRegistrationResponse>;
-    const auto parsed = json::parse(data.view(), nullptr, false);
+    const auto parsed = platform::parseJson(data.view());
     if (parsed.is_discarded()) {
         return R::error(DecodingError::dataCorrupted("The given data was not valid JSON."));
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "velmora/Errors.h"
+#include "velmora/platform/Json.h"
 #include "velmora/settings/DefaultInterceptors.h"
 #include "velmora/support/DateStringParser.h"
 #include "velmora/support/DecodingError.h"
@@ -146,7 +147,7 @@ namespace {
 
 // Ids are kept as the decimal text of the account's integers; they go back out as integers.
 json integerOrText(const std::string& text) {
-    const auto parsed = json::parse(text, nullptr, false);
+    const auto parsed = platform::parseJson(text);
     return parsed.is_number_integer() ? parsed : json(text);
 }
 
@@ -247,7 +248,7 @@ Result<UserField> UserField::fromJson(const json& object) {
 }
 
 Result<User> decodeUserContainer(const Data& data) {
-    const auto parsed = json::parse(data.view(), nullptr, false);
+    const auto parsed = platform::parseJson(data.view());
     if (parsed.is_discarded()) {
         return Result<User>::error(DecodingError::dataCorrupted("The given data was not valid JSON."));
     }
@@ -262,7 +263,7 @@ Result<User> decodeUserContainer(const Data& data) {
 
 Result<std::vector<UserField>> decodeUserFields(const Data& data) {
     using R = Result<std::vector<UserField>>;
-    const auto parsed = json::parse(data.view(), nullptr, false);
+    const auto parsed = platform::parseJson(data.view());
     if (parsed.is_discarded()) {
         return R::error(DecodingError::dataCorrupted("The given data was not valid JSON."));
     }
@@ -320,14 +321,24 @@ void UserProvider::send(std::string_view path, HttpMethod method, std::optional<
     makeProviderService(details_, std::move(url).value(), true, method, {}, std::move(body),
                         platform::DispatchQueue::main())
         .perform([decode = std::move(decode), callback = std::move(callback)](
-                     const std::optional<Data>& data, const std::shared_ptr<const platform::HTTPURLResponse>&,
+                     const std::optional<Data>& data,
+                     const std::shared_ptr<const platform::HTTPURLResponse>& response,
                      const std::optional<Error>& error) {
             if (error) {
                 callback(Result<T>::error(*error));
             } else if (!data) {
                 callback(Result<T>::error(Error(std::string(errors::coreDomain), errors::userNoData)));
             } else {
-                callback(decode(*data));
+                auto decoded = decode(*data);
+                const int status = response ? response->statusCode() : 0;
+                if (decoded.isError() && (status < 200 || status > 299)) {
+                    // The body of a 401, 429 or 503 is rarely the record asked for: say which answer it was.
+                    auto info = decoded.error().userInfo();
+                    info[std::string(errors::httpStatusCodeKey)] = status;
+                    decoded = Result<T>::error(Error(std::string(decoded.error().domain()),
+                                                     decoded.error().code(), std::move(info)));
+                }
+                callback(std::move(decoded));
             }
         });
 }
@@ -354,6 +365,16 @@ void UserProvider::setUserFields(const std::map<std::string, json>& userFields,
                                  std::function<void(Result<User>)> callback) const {
     json fields = json::object();
     for (const auto& [key, value] : userFields) {
+        // Checked before the value is copied: copying (and printing) JSON recurses once per level.
+        if (!platform::isWithinJsonDepth(value)) {
+            platform::DispatchQueue::main().async([callback, key] {
+                callback(Result<User>::error(
+                    Error::withDescription(std::string(errors::decodingDomain), errors::encodingFailed,
+                                           "The value of the user field \"" + key + "\" nests deeper than " +
+                                               std::to_string(platform::maximumJsonDepth) + " levels.")));
+            });
+            return;
+        }
         fields[key] = value;
     }
     send<User>("/api/mobile/users/me.json", HttpMethod::put,

@@ -13,6 +13,7 @@
 #include "velmora/Export.h"
 #include "velmora/network/Interceptors.h"
 #include "velmora/platform/Date.h"
+#include "velmora/platform/Json.h"
 #include "velmora/platform/Result.h"
 #include "velmora/support/AccountDetails.h"
 
@@ -74,7 +75,7 @@ concept DecodableDefault = requires(const nlohmann::json& json) {
 // Decodes a typed view from the stored or fetched bytes.
 template <DecodableDefault T>
 Result<T> decodeSettings(const Data& data) {
-    const auto document = nlohmann::json::parse(data.view(), nullptr, false);
+    const auto document = platform::parseJson(data.view());
     if (document.is_discarded()) {
         return Result<T>::error(Error(std::string(errors::decodingDomain), errors::dataCorrupted));
     }
