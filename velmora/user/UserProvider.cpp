@@ -367,10 +367,10 @@ void UserProvider::setUserFields(const std::map<std::string, json>& userFields,
     for (const auto& [key, value] : userFields) {
         // Checked before the value is copied: copying (and printing) JSON recurses once per level.
         if (!platform::isWithinJsonDepth(value)) {
-            platform::DispatchQueue::main().async([callback, key] {
+            platform::DispatchQueue::main().async([callback, name = key] {
                 callback(Result<User>::error(
                     Error::withDescription(std::string(errors::decodingDomain), errors::encodingFailed,
-                                           "The value of the user field \"" + key + "\" nests deeper than " +
+                                           "The value of the user field \"" + name + "\" nests deeper than " +
                                                std::to_string(platform::maximumJsonDepth) + " levels.")));
             });
             return;
