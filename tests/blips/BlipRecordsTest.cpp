@@ -54,6 +54,7 @@ TEST_F(BlipRecordsTest, DeviceFactsAreReadAfreshAsText) {
     EXPECT_EQ(info.sys_locale, "-1");
     EXPECT_GT(std::stoll(info.disk_total), 0);
     EXPECT_GE(std::stoll(info.disk_total), std::stoll(info.disk_used));
+    EXPECT_GE(std::stoll(info.disk_used), 0) << "the free space read is within the total";
 
     environment.documentsDirectory = root / "missing";
     reinstallEnvironment();
@@ -77,7 +78,6 @@ TEST_F(BlipRecordsTest, AUserActionWithoutLabelOrPayloadCarriesOnlyTheDevice) {
     ASSERT_EQ(action["value"].size(), 1u);
     EXPECT_EQ(action["value"]["device"].size(), 10u);
     EXPECT_EQ(action["value"]["device"]["manufacturer"], "Apple");
-    EXPECT_EQ(action["value"]["device"]["memory_total"], "3072");
     EXPECT_TRUE(
         request.data().value().toString().starts_with(R"({"appId":"app","uuid":"UUID","version":"2.0.0")"))
         << "keys go out in their stated order";

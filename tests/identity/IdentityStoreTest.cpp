@@ -15,12 +15,11 @@ class IdentityStoreTest : public LibraryTest {
     std::optional<PropertyValue> persisted(const std::string& key) {
         const auto dictionary = persistedValue(*environment.dataDirectory / "UserDefaults.sqlite",
                                                "com.velmora.core.identity", "app");
-        if (!dictionary || !dictionary->is<PropertyValue::Dictionary>()) {
+        const auto* entries = dictionary ? dictionary->getIf<PropertyValue::Dictionary>() : nullptr;
+        if (entries == nullptr || !entries->contains(key)) {
             return std::nullopt;
         }
-        const auto& entries = *dictionary->getIf<PropertyValue::Dictionary>();
-        const auto it = entries.find(key);
-        return it == entries.end() ? std::nullopt : std::optional(it->second);
+        return entries->at(key);
     }
 
     const IdentityStore store{"app"};

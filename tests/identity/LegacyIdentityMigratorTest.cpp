@@ -59,45 +59,62 @@ class LegacyIdentityMigratorTest : public LibraryTest {
         EXPECT_EQ(persistedValue(file, "com.velmora.push", "device-token"), std::nullopt);
     }
 
+    // Plants `legacy` and checks that `identity` takes none of it over, and that it is deleted all the same.
+    void expectRefused(const char* what, const Legacy& legacy, const Identity& identity) {
+        SCOPED_TRACE(what);
+        plant(legacy);
+        EXPECT_FALSE(migrate(identity));
+        EXPECT_EQ(identityStore.oauthToken(), std::nullopt);
+        EXPECT_EQ(identityStore.userId(), std::nullopt);
+        EXPECT_EQ(identityStore.guid(), std::nullopt);
+        EXPECT_EQ(sessionStore.pushToken(), std::nullopt);
+        expectLegacyGone();
+    }
+
     const IdentityStore identityStore{"app"};
     const SessionStore sessionStore{"app"};
 };
 
-TEST_F(LegacyIdentityMigratorTest, TheSameJwtCarriesTokenUserIdAndPushTokenOverButNotAStrayGuid) {
-    plant({.archive = VMKJwtIdentity("T").archivedData(), .guid = "OLD-GUID"});
-    EXPECT_TRUE(migrate(Identity::createJwt("T")));
-    EXPECT_EQ(identityStore.oauthToken(), "old-token");
-    EXPECT_EQ(identityStore.userId(), 77);
-    EXPECT_EQ(sessionStore.pushToken(), "old-device");
-    EXPECT_EQ(identityStore.guid(), std::nullopt) << "only anonymous identities take the old GUID";
-    expectLegacyGone();
-    EXPECT_FALSE(migrate(Identity::createJwt("T"))) << "the legacy data is gone after the first check";
+// Archives as the earlier generation's platform wrote them, and ways they can be broken.
+Data archive(Array objects, PropertyValue root = PropertyUid{1}, std::string archiver = "NSKeyedArchiver") {
+    return platform::encodeBinaryPropertyList(Dictionary{{"$version", 100000},
+                                                         {"$archiver", std::move(archiver)},
+                                                         {"$top", Dictionary{{"root", std::move(root)}}},
+                                                         {"$objects", std::move(objects)}});
+}
+PropertyValue classRecord(const char* name) {
+    return Dictionary{{"$classname", name}, {"$classes", Array{name, "NSObject"}}};
 }
 
-TEST_F(LegacyIdentityMigratorTest, ADifferentJwtCarriesNothingOver) {
-    plant({.archive = VMKJwtIdentity("T").archivedData()});
-    EXPECT_FALSE(migrate(Identity::createJwt("U")));
-    EXPECT_EQ(identityStore.oauthToken(), std::nullopt);
-    EXPECT_EQ(identityStore.userId(), std::nullopt);
-    EXPECT_EQ(sessionStore.pushToken(), std::nullopt);
-    expectLegacyGone();
+TEST_F(LegacyIdentityMigratorTest, TheSameIdentityCarriesEverythingOverAndOnlyAnAnonymousOneItsGuid) {
+    const auto carriedOver = [&](const Data& legacy, const Identity& identity,
+                                 const std::optional<std::string>& guid) {
+        SCOPED_TRACE(identity.toJson().dump());
+        identityStore.clear();
+        sessionStore.clear();
+        plant({.archive = legacy, .guid = "OLD-GUID"});
+        EXPECT_TRUE(migrate(identity));
+        EXPECT_EQ(identityStore.oauthToken(), "old-token");
+        EXPECT_EQ(identityStore.userId(), 77);
+        EXPECT_EQ(sessionStore.pushToken(), "old-device");
+        EXPECT_EQ(identityStore.guid(), guid) << "only anonymous identities take the old GUID";
+        expectLegacyGone();
+        EXPECT_FALSE(migrate(identity)) << "the legacy data is gone after the first check";
+    };
+    carriedOver(VMKJwtIdentity("T").archivedData(), Identity::createJwt("T"), std::nullopt);
+    carriedOver(VMKAnonymousIdentity("N", "E").archivedData(), Identity::createAnonymous("N", "E"),
+                "OLD-GUID");
 }
 
-TEST_F(LegacyIdentityMigratorTest, AnAnonymousIdentityIsRecognisedOnlyWithItsGuid) {
-    plant({.archive = VMKAnonymousIdentity("N", "E").archivedData(), .guid = "OLD-GUID"});
-    EXPECT_FALSE(migrate(Identity::createAnonymous("N", "other@e.example")));
-    expectLegacyGone();
-
-    plant({.archive = VMKAnonymousIdentity("N", "E").archivedData(), .guid = "OLD-GUID"});
-    EXPECT_TRUE(migrate(Identity::createAnonymous("N", "E")));
-    EXPECT_EQ(identityStore.guid(), "OLD-GUID");
-    EXPECT_EQ(identityStore.oauthToken(), "old-token");
-    EXPECT_EQ(identityStore.userId(), 77);
-    expectLegacyGone();
-
-    plant({.archive = VMKAnonymousIdentity("N", "E").archivedData()});
-    EXPECT_FALSE(migrate(Identity::createAnonymous("N", "E")));
-    expectLegacyGone();
+TEST_F(LegacyIdentityMigratorTest, AnotherOrUnreadableIdentityCarriesNothingOverAndIsDeletedAllTheSame) {
+    const auto anonymous = VMKAnonymousIdentity("N", "E").archivedData();
+    expectRefused("another JWT", {.archive = VMKJwtIdentity("T").archivedData()}, Identity::createJwt("U"));
+    expectRefused("another email", {.archive = anonymous, .guid = "OLD-GUID"},
+                  Identity::createAnonymous("N", "other@e.example"));
+    expectRefused("anonymous without its GUID", {.archive = anonymous}, Identity::createAnonymous("N", "E"));
+    const auto foreign = archive({"$null", Dictionary{{"$class", PropertyUid{3}}, {"token", PropertyUid{2}}},
+                                  "T", classRecord("NSDate")});
+    expectRefused("archive of a foreign class", {.archive = foreign}, Identity::createJwt("T"));
 }
 
 TEST_F(LegacyIdentityMigratorTest, ValuesOfTheWrongTypeAreSkippedOneByOne) {
@@ -115,17 +132,6 @@ TEST_F(LegacyIdentityMigratorTest, ValuesOfTheWrongTypeAreSkippedOneByOne) {
     EXPECT_EQ(sessionStore.pushToken(), std::nullopt);
     EXPECT_EQ(identityStore.guid(), "G");
     expectLegacyGone();
-}
-
-// Archives as the earlier generation's platform wrote them, and ways they can be broken.
-Data archive(Array objects, PropertyValue root = PropertyUid{1}, std::string archiver = "NSKeyedArchiver") {
-    return platform::encodeBinaryPropertyList(Dictionary{{"$version", 100000},
-                                                         {"$archiver", std::move(archiver)},
-                                                         {"$top", Dictionary{{"root", std::move(root)}}},
-                                                         {"$objects", std::move(objects)}});
-}
-PropertyValue classRecord(const char* name) {
-    return Dictionary{{"$classname", name}, {"$classes", Array{name, "NSObject"}}};
 }
 
 TEST(KeyedArchiveTest, TheWrittenShapeIsTheRuntimesAndMutableStringsAndNullsRead) {
@@ -189,14 +195,6 @@ TEST(KeyedArchiveTest, MalformedArchivesReadAsNoIdentity) {
     const auto looped = VMKIdentity::unarchiveObjectWithData(loop);
     ASSERT_NE(looped, nullptr);
     EXPECT_EQ(dynamic_cast<const VMKJwtIdentity&>(*looped).token, std::nullopt);
-}
-
-TEST_F(LegacyIdentityMigratorTest, AForeignArchiveIsDeletedNotMigrated) {
-    plant({.archive = archive({"$null", Dictionary{{"$class", PropertyUid{3}}, {"token", PropertyUid{2}}},
-                               "T", classRecord("NSDate")})});
-    EXPECT_FALSE(migrate(Identity::createJwt("T")));
-    EXPECT_EQ(identityStore.oauthToken(), std::nullopt);
-    expectLegacyGone();
 }
 
 }  // namespace

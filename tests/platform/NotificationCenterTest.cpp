@@ -39,10 +39,7 @@ TEST(NotificationCenterTest, ObserversMayRemoveThemselvesAndPostWhileBeingNotifi
         center.removeObserver(self);
         center.post("echo");
     });
-    center.addObserver("echo", [&](const Notification& n) {
-        ++echoes;
-        EXPECT_FALSE(n.object.has_value());
-    });
+    center.addObserver("echo", [&](const Notification&) { ++echoes; });
     center.post("ping");
     center.post("ping");
     EXPECT_EQ(once, 1);

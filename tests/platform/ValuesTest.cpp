@@ -35,14 +35,9 @@ TEST(ResultDeathTest, ReadingTheValueOfAnErrorIsAProgrammingError) {
                  "Fatal error: Result: value\\(\\) read on an error: Error Domain=com.velmora.tests");
 }
 
-TEST(ErrorTest, DescriptionsComeFromTheUserInfoOrNameTheDomainAndCode) {
-    const auto plain = Error("com.velmora.sdk.core", 3000);
-    EXPECT_EQ(plain.localizedDescription(),
-              "The operation couldn\u2019t be completed. (com.velmora.sdk.core error 3000.)");
-
+TEST(ErrorTest, TheDescriptionShowsDomainCodeAndUserInfoAndOnlyADictionaryIsUserInfo) {
     const auto described = Error("com.velmora.sdk.core", 2000,
                                  {{"NSLocalizedDescription", "not found"}, {"HTTP Status code", 404}});
-    EXPECT_EQ(described.localizedDescription(), "not found");
     EXPECT_EQ(described.description(),
               "Error Domain=com.velmora.sdk.core Code=2000 \"not found\" "
               "UserInfo={\"HTTP Status code\":404,\"NSLocalizedDescription\":\"not found\"}");
@@ -52,8 +47,6 @@ TEST(ErrorTest, DescriptionsComeFromTheUserInfoOrNameTheDomainAndCode) {
 }
 
 TEST(FormatTest, ArgumentsReplacePlaceholdersInOrderAndStayLiteral) {
-    EXPECT_EQ(format("storing %@ with key %@ in session store with app id: %@.", "tok", "pushToken", "app"),
-              "storing tok with key pushToken in session store with app id: app.");
     // A placeholder inside an argument is not expanded again.
     EXPECT_EQ(format("a %@ b %@", "%@", "x"), "a %@ b x");
     EXPECT_EQ(format("%@%@", 12, true), "12true");
