@@ -2,8 +2,15 @@
 
 #include <httplib.h>
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <iterator>
+#include <limits>
 #include <stdexcept>
 
 #include "velmora/platform/Base64.h"
@@ -60,7 +67,155 @@ json errorBody(std::string_view error, std::string_view description) {
     return json{{"error", error}, {"description", description}};
 }
 
+// Request bodies are not always UTF-8; what is not goes out replaced rather than failing the dump.
+std::string compactDump(const json& value) {
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+// The whole of `text` as a decimal integer.
+std::optional<std::int64_t> decimal(std::string_view text) {
+    std::int64_t value = 0;
+    const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || failure != std::errc() || end != text.data() + text.size()) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+std::string inQuotes(std::string_view key) {
+    return "\"" + std::string(key) + "\"";
+}
+
+// An integer field of a scripted answer within [minimum, maximum]; absent or null: `fallback`.
+std::int64_t integerField(const json& item, const char* key, std::int64_t minimum, std::int64_t maximum,
+                          std::int64_t fallback) {
+    const auto it = item.find(key);
+    if (it == item.end() || it->is_null()) {
+        return fallback;
+    }
+    // An unsigned value past the signed range would wrap when read as signed.
+    const bool inRange =
+        it->is_number_integer() &&
+        !(it->is_number_unsigned() && it->get<std::uint64_t>() > static_cast<std::uint64_t>(maximum)) &&
+        it->get<std::int64_t>() >= minimum && it->get<std::int64_t>() <= maximum;
+    if (!inRange) {
+        throw std::invalid_argument(inQuotes(key) + " must be an integer from " + std::to_string(minimum) +
+                                    " to " + std::to_string(maximum));
+    }
+    return it->get<std::int64_t>();
+}
+
+bool booleanField(const json& item, const char* key) {
+    const auto it = item.find(key);
+    if (it == item.end() || it->is_null()) {
+        return false;
+    }
+    if (!it->is_boolean()) {
+        throw std::invalid_argument(inQuotes(key) + " must be true or false");
+    }
+    return it->get<bool>();
+}
+
+std::string textOf(const json& value) {
+    return value.is_string() ? value.get<std::string>() : compactDump(value);
+}
+
+ScriptEntry scriptEntry(const json& item) {
+    if (!item.is_object()) {
+        throw std::invalid_argument("an answer must be a JSON object");
+    }
+    static constexpr std::string_view known[] = {"method",   "path",     "status", "headers",
+                                                 "body",     "delay_ms", "chunks", "chunk_gap_ms",
+                                                 "truncate", "drop",     "times"};
+    for (const auto& field : item.items()) {
+        // A misspelt key would otherwise be ignored in silence, and the answer not be what was meant.
+        if (std::find(std::begin(known), std::end(known), field.key()) == std::end(known)) {
+            throw std::invalid_argument("unknown key " + inQuotes(field.key()));
+        }
+    }
+    ScriptEntry entry;
+    const auto path = item.find("path");
+    if (path == item.end() || !path->is_string() || !path->get<std::string>().starts_with('/')) {
+        throw std::invalid_argument("\"path\" must be a string starting with /");
+    }
+    entry.path = path->get<std::string>();
+    if (entry.path.starts_with(AccountServer::adminPrefix)) {
+        throw std::invalid_argument(std::string("paths under ") + std::string(AccountServer::adminPrefix) +
+                                    " are the admin calls, which are never scripted");
+    }
+    if (entry.path.find('?') != std::string::npos) {
+        throw std::invalid_argument("\"path\" is matched without the query: leave the query out");
+    }
+    if (const auto method = item.find("method"); method != item.end() && !method->is_null()) {
+        if (!method->is_string() || method->get<std::string>().empty()) {
+            throw std::invalid_argument("\"method\" must be a method name such as \"GET\"");
+        }
+        std::string name = method->get<std::string>();
+        std::transform(name.begin(), name.end(), name.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+        entry.method = name;
+    }
+    ScriptedAnswer& answer = entry.answer;
+    answer.status = static_cast<int>(integerField(item, "status", 100, 599, 200));
+    if (const auto headers = item.find("headers"); headers != item.end() && !headers->is_null()) {
+        const bool allText = headers->is_object() && std::all_of(headers->begin(), headers->end(),
+                                                                 [](const json& v) { return v.is_string(); });
+        if (!allText) {
+            throw std::invalid_argument("\"headers\" must be an object of strings");
+        }
+        for (const auto& header : headers->items()) {
+            answer.headers[header.key()] = header.value().get<std::string>();
+        }
+    }
+    if (const auto body = item.find("body"); body != item.end()) {
+        answer.body = textOf(*body);
+    }
+    constexpr std::int64_t day = 24 * 60 * 60 * 1000;
+    answer.delay = std::chrono::milliseconds(integerField(item, "delay_ms", 0, day, 0));
+    if (const auto chunks = item.find("chunks"); chunks != item.end() && !chunks->is_null()) {
+        if (!chunks->is_array()) {
+            throw std::invalid_argument("\"chunks\" must be an array");
+        }
+        for (const auto& chunk : *chunks) {
+            answer.chunks.push_back(textOf(chunk));
+        }
+    }
+    answer.chunkDelay =
+        std::chrono::milliseconds(integerField(item, "chunk_gap_ms", 0, day, answer.chunkDelay.count()));
+    answer.truncate = booleanField(item, "truncate");
+    answer.drop = booleanField(item, "drop");
+    if (const auto times = item.find("times"); times == item.end() || times->is_null()) {
+        answer.times = std::nullopt;
+    } else {
+        answer.times = static_cast<int>(integerField(item, "times", 1, std::numeric_limits<int>::max(), 1));
+    }
+    return entry;
+}
+
+// The httplib adds the connection's addresses to the request's headers; the client never sent them.
+bool isConnectionPseudoHeader(const std::string& name) {
+    return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" || name == "LOCAL_PORT";
+}
+
 }  // namespace
+
+std::vector<ScriptEntry> parseScriptedAnswers(const json& answers) {
+    if (answers.is_object()) {
+        return {scriptEntry(answers)};
+    }
+    if (!answers.is_array()) {
+        throw std::invalid_argument("expected an answer object or an array of them");
+    }
+    std::vector<ScriptEntry> entries;
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+        try {
+            entries.push_back(scriptEntry(answers[i]));
+        } catch (const std::invalid_argument& e) {
+            throw std::invalid_argument("answer [" + std::to_string(i) + "]: " + e.what());
+        }
+    }
+    return entries;
+}
 
 struct AccountServer::Reply {
     int status = 200;
@@ -70,7 +225,7 @@ struct AccountServer::Reply {
 
     static Reply json(int status, const nlohmann::json& body) {
         return Reply{
-            status, body.dump(), {{"Content-Type", "application/json; charset=utf-8"}}, std::nullopt};
+            status, compactDump(body), {{"Content-Type", "application/json; charset=utf-8"}}, std::nullopt};
     }
 };
 
@@ -88,9 +243,23 @@ json RecordedRequest::json() const {
     return nlohmann::json::parse(body, nullptr, false);
 }
 
+json RecordedRequest::logEntry() const {
+    // `json` names the member function in here, so the type is spelt out.
+    nlohmann::json headerObject = nlohmann::json::object();
+    for (const auto& [name, value] : headers) {
+        // A header sent more than once reads as its values joined, as HTTP allows.
+        auto& slot = headerObject[name];
+        slot =
+            slot.is_string() ? nlohmann::json(slot.get<std::string>() + ", " + value) : nlohmann::json(value);
+    }
+    return nlohmann::json{
+        {"method", method}, {"path", target}, {"headers", headerObject}, {"body", body}, {"status", status}};
+}
+
 AccountServer::AccountServer() : AccountServer(Options{}) {}
 
-AccountServer::AccountServer(Options options) : host_(options.host) {
+AccountServer::AccountServer(Options options)
+    : host_(options.host), onRequest_(std::move(options.onRequest)) {
     settings_ = defaultSettings();
     userFields_ = json::array();
     if (options.certificate && options.privateKey) {
@@ -112,11 +281,13 @@ AccountServer::AccountServer(Options options) : host_(options.host) {
     // Each keep-alive connection holds a worker; clients with dozens in flight must not wait for each other.
     server_->new_task_queue = [] { return new httplib::ThreadPool(64); };
     const auto handler = [this](const httplib::Request& request, httplib::Response& response) {
-        RecordedRequest recorded{request.method, request.target, {}, request.body};
+        RecordedRequest recorded{request.method, request.target, {}, request.body, 0};
         for (const auto& [name, value] : request.headers) {
-            recorded.headers.emplace(name, value);
+            if (!isConnectionPseudoHeader(name)) {
+                recorded.headers.emplace(name, value);
+            }
         }
-        Reply reply = handle(recorded);
+        Reply reply = recorded.path().starts_with(adminPrefix) ? admin(recorded) : handle(recorded);
         if (reply.scripted && reply.scripted->delay.count() > 0 && !pause(reply.scripted->delay)) {
             return;
         }
@@ -169,17 +340,29 @@ AccountServer::AccountServer(Options options) : host_(options.host) {
             response.set_content(answer.body, contentType.c_str());
         }
     };
+    // Only SO_REUSEADDR: the httplib's default adds SO_REUSEPORT, with which a second server on a port in use
+    // binds as well and takes a share of its connections instead of failing.
+    server_->set_socket_options([](socket_t sock) {
+        const int yes = 1;
+        ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+    });
     server_->Get(".*", handler);
     server_->Post(".*", handler);
     server_->Put(".*", handler);
     server_->Delete(".*", handler);
     server_->Patch(".*", handler);
 
+    errno = 0;
     port_ = options.port == 0 ? server_->bind_to_any_port(host_)
                               : (server_->bind_to_port(host_, options.port) ? options.port : -1);
     if (port_ <= 0) {
+        // errno is still bind's when binding failed; a host that did not resolve leaves no telling value.
+        const int reason = errno;
+        const std::string why = reason == EADDRINUSE ? "the port is in use"
+                                : reason != 0        ? std::strerror(reason)
+                                                     : "the address is not this machine's";
         throw std::runtime_error("velmora-mock: cannot listen on " + host_ + ":" +
-                                 std::to_string(options.port));
+                                 std::to_string(options.port) + ": " + why);
     }
     thread_ = std::thread([this] { server_->listen_after_bind(); });
     // stop() only reaches a server whose accept loop runs; a server stopped before that would never end.
@@ -193,7 +376,9 @@ AccountServer::~AccountServer() {
 }
 
 std::string AccountServer::url() const {
-    return std::string(tls_ ? "https://" : "http://") + host_ + ":" + std::to_string(port_);
+    // An IPv6 address takes brackets in a URL.
+    const std::string host = host_.find(':') == std::string::npos ? host_ : "[" + host_ + "]";
+    return std::string(tls_ ? "https://" : "http://") + host + ":" + std::to_string(port_);
 }
 
 void AccountServer::stop() {
@@ -216,6 +401,28 @@ bool AccountServer::pause(std::chrono::milliseconds duration) const {
 void AccountServer::script(std::string method, std::string path, ScriptedAnswer answer) {
     std::lock_guard lock(mutex_);
     scripts_[std::move(path)].emplace_back(std::move(method), std::move(answer));
+}
+
+void AccountServer::markStart() {
+    std::lock_guard lock(mutex_);
+    startState_ = stateLocked();
+    startScripts_ = scripts_;
+}
+
+void AccountServer::reset() {
+    std::lock_guard lock(mutex_);
+    requests_.clear();
+    scripts_ = startScripts_;
+    usersByIdentity_.clear();
+    usersByToken_.clear();
+    users_.clear();
+    devices_.clear();
+    events_.clear();
+    settings_ = defaultSettings();
+    userFields_ = json::array();
+    nextUserId_ = 1000;
+    nextToken_ = 1;
+    applyStateLocked(startState_);
 }
 
 std::vector<RecordedRequest> AccountServer::requests() const {
@@ -289,6 +496,10 @@ json AccountServer::defaultSettings() {
 
 json AccountServer::state() const {
     std::lock_guard lock(mutex_);
+    return stateLocked();
+}
+
+json AccountServer::stateLocked() const {
     json users = json::object();
     for (const auto& [id, user] : users_) {
         users[std::to_string(id)] = user;
@@ -310,12 +521,73 @@ json AccountServer::state() const {
         {"events", events_}, {"settings", settings_},    {"user_fields", userFields_}};
 }
 
+void AccountServer::checkState(const json& state) {
+    if (!state.is_object()) {
+        throw std::invalid_argument("the state must be a JSON object");
+    }
+    // The part under `key` when it is there; throws when it is not of `type`.
+    const auto part = [&state](const char* key, json::value_t type, const char* what) -> const json* {
+        const auto it = state.find(key);
+        if (it == state.end()) {
+            return nullptr;
+        }
+        if (it->type() != type) {
+            throw std::invalid_argument(inQuotes(key) + " must be " + what + ", not " + it->type_name());
+        }
+        return &*it;
+    };
+    const json* users = part("users", json::value_t::object, "an object of users by numeric id");
+    if (users != nullptr) {
+        for (const auto& user : users->items()) {
+            if (!decimal(user.key())) {
+                throw std::invalid_argument("\"users\" must be keyed by numeric id, not " +
+                                            inQuotes(user.key()));
+            }
+            if (!user.value().is_object()) {
+                throw std::invalid_argument("\"users\": user " + user.key() + " must be an object");
+            }
+        }
+    }
+    // Identities and tokens name users; one naming a user that is not there would answer with a null user.
+    for (const char* key : {"identities", "tokens"}) {
+        const json* names = part(key, json::value_t::object, "an object of user ids");
+        if (names == nullptr) {
+            continue;
+        }
+        for (const auto& name : names->items()) {
+            const bool known = name.value().is_number_integer() && users != nullptr &&
+                               users->contains(std::to_string(name.value().get<std::int64_t>()));
+            if (!known) {
+                throw std::invalid_argument(inQuotes(key) + ": " + inQuotes(name.key()) +
+                                            " must be the id of one of the \"users\", not " +
+                                            compactDump(name.value()));
+            }
+        }
+    }
+    if (const json* devices = part("devices", json::value_t::object, "an object of devices by identifier")) {
+        for (const auto& device : devices->items()) {
+            if (!device.value().is_object()) {
+                throw std::invalid_argument("\"devices\": " + inQuotes(device.key()) + " must be an object");
+            }
+        }
+    }
+    part("events", json::value_t::array, "an array");
+    part("settings", json::value_t::object, "an object");
+    part("user_fields", json::value_t::array, "an array");
+}
+
 void AccountServer::loadState(const json& state) {
+    checkState(state);
     std::lock_guard lock(mutex_);
+    applyStateLocked(state);
+}
+
+void AccountServer::applyStateLocked(const json& state) {
     const json savedUsers = state.value("users", json::object());
     for (const auto& [id, user] : savedUsers.items()) {
-        users_[std::stoll(id)] = user;
-        nextUserId_ = std::max<std::int64_t>(nextUserId_, std::stoll(id) + 1);
+        const std::int64_t number = decimal(id).value_or(0);
+        users_[number] = user;
+        nextUserId_ = std::max<std::int64_t>(nextUserId_, number + 1);
     }
     const json savedIdentities = state.value("identities", json::object());
     for (const auto& [identity, id] : savedIdentities.items()) {
@@ -324,7 +596,12 @@ void AccountServer::loadState(const json& state) {
     const json savedTokens = state.value("tokens", json::object());
     for (const auto& [token, id] : savedTokens.items()) {
         usersByToken_[token] = id.get<std::int64_t>();
-        nextToken_ += 1;
+        // Tokens issued later must not repeat a loaded one, which would hand one user's token to another.
+        const auto issued =
+            token.starts_with("token-") ? decimal(std::string_view(token).substr(6)) : std::nullopt;
+        if (issued && *issued >= 0) {
+            nextToken_ = std::max<std::uint64_t>(nextToken_, static_cast<std::uint64_t>(*issued) + 1);
+        }
     }
     const json savedDevices = state.value("devices", json::object());
     for (const auto& [identifier, device] : savedDevices.items()) {
@@ -393,9 +670,68 @@ AccountServer::Reply AccountServer::access(const RecordedRequest& request, bool 
 
 AccountServer::Reply AccountServer::handle(const RecordedRequest& request) {
     std::lock_guard lock(mutex_);
-    requests_.push_back(request);
+    Reply reply = route(request);
+    RecordedRequest answered = request;
+    answered.status = reply.status;
+    // Logged before it shows in requests(), so that whoever saw it there finds it in the log as well.
+    if (onRequest_) {
+        onRequest_(answered);
+    }
+    requests_.push_back(std::move(answered));
     changed_.notify_all();
+    return reply;
+}
 
+AccountServer::Reply AccountServer::admin(const RecordedRequest& request) {
+    const std::string path = request.path();
+    const std::string& method = request.method;
+    if (path == "/__mock/requests" && method == "GET") {
+        std::size_t first = 0;
+        if (const auto since = rawQueryValue(request.target, "since")) {
+            const auto count = decimal(*since);
+            if (!count || *count < 0) {
+                return Reply::json(400, errorBody("InvalidRequest", "since must be a count of requests"));
+            }
+            first = static_cast<std::size_t>(*count);
+        }
+        json entries = json::array();
+        std::lock_guard lock(mutex_);
+        for (std::size_t i = first; i < requests_.size(); ++i) {
+            entries.push_back(requests_[i].logEntry());
+        }
+        return Reply::json(200, entries);
+    }
+    if (path == "/__mock/answers" && method == "POST") {
+        const auto body = json::parse(request.body, nullptr, false);
+        if (body.is_discarded()) {
+            return Reply::json(400, errorBody("InvalidAnswer", "the body is not JSON"));
+        }
+        std::vector<ScriptEntry> entries;
+        try {
+            entries = parseScriptedAnswers(body);
+        } catch (const std::invalid_argument& e) {
+            return Reply::json(400, errorBody("InvalidAnswer", e.what()));
+        }
+        std::lock_guard lock(mutex_);
+        for (auto& entry : entries) {
+            scripts_[entry.path].emplace_back(std::move(entry.method), std::move(entry.answer));
+        }
+        return Reply::json(200, json{{"added", entries.size()}});
+    }
+    if (path == "/__mock/reset" && method == "POST") {
+        reset();
+        return Reply::json(200, json::object());
+    }
+    if (path == "/__mock/state" && method == "GET") {
+        return Reply::json(200, state());
+    }
+    return Reply::json(404,
+                       errorBody("RecordNotFound",
+                                 "the admin calls are GET /__mock/requests[?since=N], POST /__mock/answers, "
+                                 "POST /__mock/reset and GET /__mock/state"));
+}
+
+AccountServer::Reply AccountServer::route(const RecordedRequest& request) {
     const std::string path = request.path();
     if (auto it = scripts_.find(path); it != scripts_.end()) {
         auto& queue = it->second;
@@ -404,7 +740,10 @@ AccountServer::Reply AccountServer::handle(const RecordedRequest& request) {
         });
         if (match != queue.end()) {
             ScriptedAnswer answer = match->second;
-            queue.erase(match);
+            // A counted answer is used up; one without a count stays where it is, ahead of any later ones.
+            if (match->second.times && --*match->second.times <= 0) {
+                queue.erase(match);
+            }
             return Reply{answer.status, answer.body, answer.headers, answer};
         }
     }

@@ -1,0 +1,252 @@
+// The local account server's executable, run as people run it and spoken to over HTTP.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include <tuple>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/support/LibraryTest.h"
+#include "tests/support/Watchdog.h"
+
+extern char** environ;
+
+namespace velmora::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+constexpr const char* me = "/api/mobile/users/me.json";
+
+std::string slurp(const std::filesystem::path& file) {
+    std::stringstream text;
+    text << std::ifstream(file).rdbuf();
+    return text.str();
+}
+
+// One run of the executable, its output in files named after `prefix`; killed if it outlives the test.
+struct MockProcess {
+    MockProcess(const std::filesystem::path& prefix, std::vector<std::string> arguments)
+        : out(prefix.string() + ".out"), err(prefix.string() + ".err") {
+        arguments.insert(arguments.begin(), VELMORA_MOCK_PATH);
+        std::vector<char*> argv;
+        for (auto& argument : arguments) {
+            argv.push_back(argument.data());
+        }
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
+            pid = 0;
+        }
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    ~MockProcess() { exitCode(SIGKILL); }
+
+    // Sends `signalNumber` (0: none), then waits up to `tries` times 10 ms for the exit status (128 + N for
+    // signal N): -1 while it runs.
+    int exitCode(int signalNumber = 0, int tries = 1000) {
+        if (pid > 0 && signalNumber != 0) {
+            ::kill(pid, signalNumber);
+        }
+        for (int i = 0, status = 0; pid > 0 && i < tries; ++i) {
+            if (::waitpid(pid, &status, WNOHANG) == pid) {
+                code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+                pid = 0;
+            } else {
+                std::this_thread::sleep_for(10ms);
+            }
+        }
+        return pid == 0 ? code : -1;
+    }
+    // The URL on the first line of standard output; empty when the process ended (or stayed silent) first.
+    std::string url() {
+        const std::string banner = "velmora-mock listening on ";
+        for (int i = 0; i < 1000 && exitCode(0, 1) == -1; ++i) {
+            if (const auto text = slurp(out); text.find('\n') != std::string::npos) {
+                return text.starts_with(banner) ? text.substr(banner.size(), text.find('\n') - banner.size())
+                                                : "";
+            }
+        }
+        return "";
+    }
+
+    std::string out, err;
+    pid_t pid = 0;
+    int code = -1;
+};
+
+struct Reply {
+    int status = 0;  // 0: no answer
+    json body;       // discarded when not JSON
+};
+
+// One request on a connection of its own, as a client program makes it.
+Reply call(const std::string& url, const std::string& method, const std::string& path,
+           const std::string& body = "", const std::string& token = "") {
+    httplib::Client client(url);
+    httplib::Headers headers;
+    if (!token.empty()) {
+        headers.emplace("Authorization", "Bearer " + token);
+    }
+    const auto result =
+        method == "GET" ? client.Get(path, headers) : client.Post(path, headers, body, "application/json");
+    return result ? Reply{result->status, json::parse(result->body, nullptr, false)} : Reply{};
+}
+
+std::string login(const std::string& url, const std::string& name) {
+    auto reply = call(url, "POST", "/access/sdk/anonymous", json{{"user", {{"name", name}}}}.dump());
+    return reply.body["authentication"]["access_token"].get<std::string>();
+}
+
+std::vector<int> statuses(const std::string& url, const std::string& path, const std::string& token, int n) {
+    std::vector<int> seen;
+    for (int i = 0; i < n; ++i) {
+        seen.push_back(call(url, "GET", path, "", token).status);
+    }
+    return seen;
+}
+
+class MockToolTest : public LibraryTest {
+  protected:
+    MockProcess& start(std::vector<std::string> arguments) {
+        const auto prefix = root / ("mock-" + std::to_string(processes.size()));
+        return *processes.emplace_back(std::make_unique<MockProcess>(prefix, std::move(arguments)));
+    }
+
+    Watchdog watchdog{90s, "velmora-mock test"};
+    std::vector<std::unique_ptr<MockProcess>> processes;  // every one killed at the end of the test
+};
+
+TEST_F(MockToolTest, ScriptedAnswersFromTheFileAndTheAdminCallAreUsedInOrderAsOftenAsTheySay) {
+    std::ofstream(root / "script.json") << json::array(
+        {json{{"method", "GET"}, {"path", me}, {"status", 503}, {"body", {{"error", "down"}}}, {"times", 2}},
+         json{{"path", "/api/mobile/user_fields.json"}, {"status", 418}, {"body", "teapot"}}});
+    auto& mock = start({"--port", "0", "--script", (root / "script.json").string()});
+    const auto url = mock.url();
+    ASSERT_FALSE(url.empty()) << slurp(mock.err);
+    const auto token = login(url, "Ann");
+    EXPECT_EQ(call(url, "GET", me, "", token).body, json({{"error", "down"}})) << "a JSON body goes as JSON";
+    EXPECT_EQ(statuses(url, me, token, 2), (std::vector<int>{503, 200}));
+    EXPECT_EQ(statuses(url, "/api/mobile/user_fields.json", token, 3), (std::vector<int>{418, 418, 418}));
+
+    const json once = {{"path", me}, {"status", 500}, {"times", 1}};
+    EXPECT_EQ(call(url, "POST", "/__mock/answers", once.dump()).status, 200);
+    EXPECT_EQ(call(url, "POST", "/__mock/answers", json::array({once, once}).dump()).status, 200);
+    EXPECT_EQ(statuses(url, me, token, 4), (std::vector<int>{500, 500, 500, 200}));
+    for (const auto& wrong : std::vector<std::string>{
+             "not json", R"({"status": 503})", R"({"path": "/x", "times": 0})",
+             R"({"path": "/x", "delay": 5})", R"({"path": "/__mock/state"})",
+             R"({"path": "/x", "chunks": "b"})",
+             R"([{"path": "/api/mobile/users/me.json", "status": 500}, {"path": "/x", "status": "500"}])"}) {
+        const auto reply = call(url, "POST", "/__mock/answers", wrong);
+        EXPECT_EQ(reply.status, 400) << wrong;
+        EXPECT_TRUE(reply.body.contains("description")) << wrong;
+    }
+    EXPECT_EQ(call(url, "GET", me, "", token).status, 200) << "a refused array adds none of its answers";
+}
+
+TEST_F(MockToolTest, TheRequestLogAndStateAreReadOverHttpAndInTheLogFileAndResetGoesBackToTheStart) {
+    const json initial = {{"users", {{"1000", {{"id", 1000}, {"name", "Bo"}}}}},
+                          {"tokens", {{"token-2", 1000}}}};
+    std::ofstream(root / "state.json") << initial.dump();
+    auto& mock =
+        start({"--port", "0", "--state", (root / "state.json").string(), "--log", (root / "log").string()});
+    const auto url = mock.url();
+    ASSERT_FALSE(url.empty()) << slurp(mock.err);
+    EXPECT_EQ(call(url, "GET", me, "", "token-2").body["user"]["name"], "Bo");
+    const auto token = login(url, "Ann");
+    EXPECT_NE(token, "token-2") << "a loaded token is never issued again";
+    EXPECT_EQ(call(url, "GET", "/__mock/state").body["users"].size(), 2u);
+
+    auto logged = call(url, "GET", "/__mock/requests").body;
+    ASSERT_EQ(logged.size(), 2u) << "admin calls are not logged: " << logged.dump();
+    EXPECT_EQ(logged[0]["headers"]["Authorization"], "Bearer token-2");
+    EXPECT_EQ(json({logged[0]["method"], logged[0]["path"], logged[0]["status"]}), json({"GET", me, 200}));
+    EXPECT_EQ(json({logged[1]["body"], logged[1]["status"]}), json({R"({"user":{"name":"Ann"}})", 201}));
+    EXPECT_EQ(call(url, "GET", "/__mock/requests?since=1").body, json::array({logged[1]}));
+    EXPECT_EQ(call(url, "GET", "/__mock/requests?since=x").status, 400);
+    json lines = json::array();
+    std::istringstream file(slurp(root / "log"));
+    for (std::string line; std::getline(file, line);) {
+        lines.push_back(json::parse(line, nullptr, false));
+    }
+    EXPECT_EQ(lines, logged) << "the log file holds the same entries, one a line";
+
+    EXPECT_EQ(call(url, "POST", "/__mock/reset").status, 200);
+    auto state = call(url, "GET", "/__mock/state").body;
+    EXPECT_EQ(json({state["users"], state["tokens"]}), json({initial["users"], initial["tokens"]}));
+    EXPECT_EQ(call(url, "GET", "/__mock/requests").body, json::array());
+    EXPECT_EQ(call(url, "GET", me, "", token).status, 401) << "Ann went with the reset";
+}
+
+TEST_F(MockToolTest, APortInUseABadStateFileOrAUsageErrorStopsItWithStatusTwo) {
+    auto& first = start({"--port", "0"});
+    const auto url = first.url();
+    ASSERT_FALSE(url.empty()) << slurp(first.err);
+    const auto port = url.substr(url.rfind(':') + 1);
+    auto& second = start({"--port", port});
+    EXPECT_EQ(second.exitCode(), 2) << "a second server on the port";
+    EXPECT_NE(slurp(second.err).find(port), std::string::npos) << slurp(second.err);
+    EXPECT_EQ(call(url, "GET", "/__mock/state").status, 200) << "the first one still serves";
+
+    std::filesystem::create_directory(root / "directory.json");
+    for (const auto& [name, content, problem] :
+         std::vector<std::tuple<std::string, std::string, std::string>>{
+             {"directory.json", "", "directory"},
+             {"invalid.json", R"({"users": )", "JSON"},
+             {"oops.json", R"({"users": "oops"})", "\"users\""},
+             {"stray.json", R"({"tokens": {"t": 7}})", "\"tokens\""}}) {
+        const auto file = root / name;
+        if (!content.empty()) {
+            std::ofstream(file) << content;
+        }
+        auto& mock = start({"--port", "0", "--state", file.string()});
+        EXPECT_EQ(mock.exitCode(), 2) << name;
+        EXPECT_NE(slurp(mock.err).find(file.string() + ": "), std::string::npos) << slurp(mock.err);
+        EXPECT_NE(slurp(mock.err).find(problem), std::string::npos) << slurp(mock.err);
+        EXPECT_EQ(std::filesystem::is_directory(file) ? "" : slurp(file), content) << "left as it was";
+    }
+    for (const auto& wrong : std::vector<std::vector<std::string>>{
+             {"--port", "http"}, {"--port", "70000"}, {"--tls", "cert.pem"}, {"--state"}, {"--verbose"}}) {
+        auto& mock = start(wrong);
+        EXPECT_EQ(mock.exitCode(), 2) << wrong[0];
+        EXPECT_NE(slurp(mock.err).find("usage: velmora-mock [--port PORT]"), std::string::npos) << wrong[0];
+    }
+}
+
+TEST_F(MockToolTest, TheStateIsSavedWholeOnSigtermAndSigintAndReadBackByTheNextStart) {
+    const auto stateFile = (root / "account.json").string();
+    auto& first = start({"--port", "0", "--state", stateFile});
+    const auto url = first.url();
+    ASSERT_FALSE(url.empty()) << slurp(first.err);
+    const auto token = login(url, "Ann");
+    EXPECT_EQ(first.exitCode(SIGTERM), 0) << slurp(first.err);
+    EXPECT_FALSE(std::filesystem::exists(stateFile + ".tmp"));
+
+    auto saved = json::parse(slurp(stateFile), nullptr, false);
+    ASSERT_TRUE(saved.is_object()) << slurp(stateFile);
+    EXPECT_EQ(saved["users"].size(), 1u);
+    saved["note"] = "a key the server does not know";
+    std::ofstream(stateFile) << saved.dump();
+    auto& second = start({"--port", "0", "--state", stateFile});
+    const auto again = second.url();
+    ASSERT_FALSE(again.empty()) << slurp(second.err);
+    EXPECT_EQ(call(again, "GET", me, "", token).body["user"]["name"], "Ann")
+        << "the user and token came back";
+    EXPECT_EQ(second.exitCode(SIGINT), 0) << slurp(second.err);
+    EXPECT_EQ(json::parse(slurp(stateFile), nullptr, false), saved) << "nothing it held was dropped";
+}
+
+}  // namespace
+}  // namespace velmora::testing
