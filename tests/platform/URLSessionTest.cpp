@@ -306,7 +306,8 @@ TEST_F(URLSessionTest, AnAnswerLargerThanTheLimitFailsAndCostsNoMoreThanTheLimit
         EXPECT_EQ(outcome.error->code(), URLError::dataLengthExceedsMaximum);
     }
     // The delegate of this test keeps every chunk it was given, so the peak shows what was let in.
-    EXPECT_LT(peakMebibytes() - before, 64) << "MiB of peak memory for answers cut at 8 MiB";
+    // Generous, for sanitizer builds' overhead, and still far below what the 300 MB answer alone would add.
+    EXPECT_LT(peakMebibytes() - before, 200) << "MiB of peak memory for answers cut at 8 MiB";
 }
 
 TEST_F(URLSessionTest, BrokenTransfersBecomeUrlErrorsNeverHangs) {
