@@ -235,10 +235,11 @@ struct URLSession::Engine {
                 operation();
             }
             if (abandoning) {
-                // Handles are left to the process's end: cleaning them up could reach OpenSSL's teardown.
+                // The exit guard runs before OpenSSL's cleanup, so the handles can still be released here.
                 for (auto& [easy, transfer] : transfers) {
                     curl_multi_remove_handle(multi, easy);
-                    transfer.release();
+                    curl_easy_cleanup(easy);
+                    curl_slist_free_all(transfer->headers);
                 }
                 transfers.clear();
                 std::lock_guard lock(mutex);
