@@ -18,7 +18,7 @@ using namespace std::chrono_literals;
 TEST_F(LibraryTest, AHostThatExitsWithRequestsInFlightNeverCrashes) {
     Watchdog watchdog{240s, "exit test"};
     mock::AccountServer server;
-    constexpr int runs = 40;
+    constexpr int runs = VELMORA_EXIT_RUNS;
     for (int i = 0; i < runs * 21; ++i) {
         server.script("", "/api/mobile/users/me.json", {.status = 200, .body = "{}", .delay = 30ms});
     }

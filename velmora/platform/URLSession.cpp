@@ -690,7 +690,13 @@ void stopURLSessions(std::chrono::steady_clock::time_point deadline) {
     }
     for (auto* engine : URLSession::Engine::registry()) {
         std::unique_lock lock(engine->mutex);
-        engine->stopped.wait_until(lock, deadline, [engine] { return engine->finished; });
+        if (engine->stopped.wait_until(lock, deadline, [engine] { return engine->finished; })) {
+            lock.unlock();
+            // Its loop has ended: the thread is gone in a moment, and is joined rather than left behind.
+            if (engine->thread.joinable() && engine->thread.get_id() != std::this_thread::get_id()) {
+                engine->thread.join();
+            }
+        }
     }
 }
 
