@@ -265,7 +265,7 @@ TEST_F(URLSessionTest, AHeaderWithALineBreakOrNulIsNeverSent) {
         own.setValue(value, "Authorization");
         const auto outcome = run(own);
         ASSERT_TRUE(outcome.error.has_value());
-        EXPECT_EQ(outcome.error->code(), URLError::badURL);
+        EXPECT_EQ(outcome.error->code(), errors::url::badURL);
         EXPECT_EQ(outcome.error->description().find("X-Injected"), std::string::npos)
             << "values are not shown";
     }
@@ -303,7 +303,7 @@ TEST_F(URLSessionTest, AnAnswerLargerThanTheLimitFailsAndCostsNoMoreThanTheLimit
         EndlessServer big(limit);
         const auto outcome = run(URLRequest(*URL::fromString(big.url())));
         ASSERT_TRUE(outcome.error.has_value()) << "a body of " << limit << " bytes was accepted";
-        EXPECT_EQ(outcome.error->code(), URLError::dataLengthExceedsMaximum);
+        EXPECT_EQ(outcome.error->code(), errors::url::dataLengthExceedsMaximum);
     }
     // The delegate of this test keeps every chunk it was given, so the peak shows what was let in.
     // Generous, for sanitizer builds' overhead, and still far below what the 300 MB answer alone would add.
@@ -318,11 +318,11 @@ TEST_F(URLSessionTest, BrokenTransfersBecomeUrlErrorsNeverHangs) {
     const auto dropped = run(request("/drop"));
     ASSERT_TRUE(dropped.error.has_value());
     EXPECT_EQ(dropped.error->domain(), "NSURLErrorDomain");
-    EXPECT_EQ(dropped.error->code(), URLError::networkConnectionLost);
+    EXPECT_EQ(dropped.error->code(), errors::url::networkConnectionLost);
 
     const auto truncated = run(request("/truncated"));
     ASSERT_TRUE(truncated.error.has_value());
-    EXPECT_EQ(truncated.error->code(), URLError::networkConnectionLost);
+    EXPECT_EQ(truncated.error->code(), errors::url::networkConnectionLost);
     EXPECT_EQ(joined(truncated.chunks), "partial") << "what did arrive is still handed over";
 
     auto stalled = request("/stall");
@@ -330,7 +330,7 @@ TEST_F(URLSessionTest, BrokenTransfersBecomeUrlErrorsNeverHangs) {
     const auto start = std::chrono::steady_clock::now();
     const auto timedOut = run(stalled);
     ASSERT_TRUE(timedOut.error.has_value());
-    EXPECT_EQ(timedOut.error->code(), URLError::timedOut);
+    EXPECT_EQ(timedOut.error->code(), errors::url::timedOut);
     EXPECT_EQ(timedOut.error->localizedDescription(), "The request timed out.");
     EXPECT_LT(std::chrono::steady_clock::now() - start, 4s);
 
@@ -341,7 +341,7 @@ TEST_F(URLSessionTest, BrokenTransfersBecomeUrlErrorsNeverHangs) {
     URLRequest refused(*URL::fromString(port + "/anything"));
     const auto notListening = run(refused);
     ASSERT_TRUE(notListening.error.has_value());
-    EXPECT_EQ(notListening.error->code(), URLError::cannotConnectToHost);
+    EXPECT_EQ(notListening.error->code(), errors::url::cannotConnectToHost);
 }
 
 TEST_F(URLSessionTest, UploadProgressAndCancellationAreReported) {
@@ -368,7 +368,7 @@ TEST_F(URLSessionTest, UploadProgressAndCancellationAreReported) {
     task->cancel();
     const auto cancelled = delegate->wait(*task);
     ASSERT_TRUE(cancelled.error.has_value());
-    EXPECT_EQ(cancelled.error->code(), URLError::cancelled);
+    EXPECT_EQ(cancelled.error->code(), errors::url::cancelled);
     EXPECT_NE(session->dataTask(request("/x"))->taskIdentifier(), task->taskIdentifier());
 }
 
@@ -398,8 +398,8 @@ TEST_F(URLSessionTest, TlsPeersAreVerifiedAgainstTheConfiguredAuthorities) {
     const auto untrusted =
         run(URLRequest(*URL::fromString(secure.url() + "/api/private/mobile_sdk/settings/a.json")));
     ASSERT_TRUE(untrusted.error.has_value()) << "a self-signed peer must not be trusted by default";
-    EXPECT_TRUE(untrusted.error->code() == URLError::serverCertificateUntrusted ||
-                untrusted.error->code() == URLError::secureConnectionFailed)
+    EXPECT_TRUE(untrusted.error->code() == errors::url::serverCertificateUntrusted ||
+                untrusted.error->code() == errors::url::secureConnectionFailed)
         << untrusted.error->description();
     EXPECT_TRUE(secure.requests().empty());
 
@@ -415,7 +415,7 @@ TEST_F(URLSessionTest, TlsPeersAreVerifiedAgainstTheConfiguredAuthorities) {
     secure.script("GET", "/down", {.status = 302, .headers = {{"Location", server.url() + "/landing"}}});
     const auto downgraded = run(URLRequest(*URL::fromString(secure.url() + "/down")));
     ASSERT_TRUE(downgraded.error.has_value());
-    EXPECT_EQ(downgraded.error->code(), URLError::secureConnectionRequired);
+    EXPECT_EQ(downgraded.error->code(), errors::url::secureConnectionRequired);
     EXPECT_TRUE(server.requests().empty());
 
     // The certificate names 127.0.0.1, not localhost: the host name is checked too.

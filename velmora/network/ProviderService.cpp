@@ -18,7 +18,7 @@ Result<platform::URL> resourceURL(const std::string& accountUrl, std::string_vie
     auto url = platform::URL::fromString(accountUrl + std::string(path));
     if (!url) {
         return Result<platform::URL>::error(platform::URLError::make(
-            platform::URLError::badURL, {},
+            errors::url::badURL, {},
             "the path " + platform::quotedForMessage(path) + " (" + std::to_string(path.size()) +
                 " bytes) does not form a URL with the account URL; nothing was sent"));
     }

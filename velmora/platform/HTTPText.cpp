@@ -32,7 +32,7 @@ bool isPathSegment(std::string_view text) {
 }
 
 Error pathSegmentError(std::string_view what, std::string_view value) {
-    return URLError::make(URLError::badURL, {},
+    return URLError::make(errors::url::badURL, {},
                           std::string(what) + " " + quotedForMessage(value) +
                               " cannot be one segment of a URL path; nothing was sent");
 }

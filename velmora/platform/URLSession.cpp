@@ -20,69 +20,69 @@
 namespace velmora::platform {
 namespace {
 
-std::string describe(int code) {
+std::string describe(std::int64_t code) {
     switch (code) {
-        case URLError::cancelled:
+        case errors::url::cancelled:
             return "cancelled";
-        case URLError::badURL:
+        case errors::url::badURL:
             return "unsupported URL";
-        case URLError::timedOut:
+        case errors::url::timedOut:
             return "The request timed out.";
-        case URLError::cannotFindHost:
+        case errors::url::cannotFindHost:
             return "A server with the specified hostname could not be found.";
-        case URLError::cannotConnectToHost:
+        case errors::url::cannotConnectToHost:
             return "Could not connect to the server.";
-        case URLError::networkConnectionLost:
+        case errors::url::networkConnectionLost:
             return "The network connection was lost.";
-        case URLError::httpTooManyRedirects:
+        case errors::url::httpTooManyRedirects:
             return "too many HTTP redirects";
-        case URLError::secureConnectionRequired:
+        case errors::url::secureConnectionRequired:
             return "The resource could not be loaded because a secure connection is required.";
-        case URLError::dataLengthExceedsMaximum:
+        case errors::url::dataLengthExceedsMaximum:
             return "The resource exceeds the maximum size.";
-        case URLError::badServerResponse:
+        case errors::url::badServerResponse:
             return "The server returned a bad response.";
-        case URLError::secureConnectionFailed:
+        case errors::url::secureConnectionFailed:
             return "An SSL error has occurred and a secure connection to the server cannot be made.";
-        case URLError::serverCertificateUntrusted:
+        case errors::url::serverCertificateUntrusted:
             return "The certificate for this server is invalid.";
         default:
             return "An unknown error occurred.";
     }
 }
 
-int urlErrorCode(CURLcode code) {
+std::int64_t urlErrorCode(CURLcode code) {
     switch (code) {
         case CURLE_OPERATION_TIMEDOUT:
-            return URLError::timedOut;
+            return errors::url::timedOut;
         case CURLE_COULDNT_RESOLVE_HOST:
         case CURLE_COULDNT_RESOLVE_PROXY:
-            return URLError::cannotFindHost;
+            return errors::url::cannotFindHost;
         case CURLE_COULDNT_CONNECT:
-            return URLError::cannotConnectToHost;
+            return errors::url::cannotConnectToHost;
         case CURLE_SEND_ERROR:
         case CURLE_RECV_ERROR:
         case CURLE_GOT_NOTHING:
         case CURLE_PARTIAL_FILE:
         case CURLE_HTTP2:
         case CURLE_HTTP2_STREAM:
-            return URLError::networkConnectionLost;
+            return errors::url::networkConnectionLost;
         case CURLE_TOO_MANY_REDIRECTS:
-            return URLError::httpTooManyRedirects;
+            return errors::url::httpTooManyRedirects;
         case CURLE_URL_MALFORMAT:
         case CURLE_UNSUPPORTED_PROTOCOL:
-            return URLError::badURL;
+            return errors::url::badURL;
         case CURLE_PEER_FAILED_VERIFICATION:
-            return URLError::serverCertificateUntrusted;
+            return errors::url::serverCertificateUntrusted;
         case CURLE_SSL_CONNECT_ERROR:
         case CURLE_SSL_CERTPROBLEM:
         case CURLE_SSL_CIPHER:
         case CURLE_SSL_CACERT_BADFILE:
-            return URLError::secureConnectionFailed;
+            return errors::url::secureConnectionFailed;
         case CURLE_WEIRD_SERVER_REPLY:
-            return URLError::badServerResponse;
+            return errors::url::badServerResponse;
         default:
-            return URLError::unknown;
+            return errors::url::unknown;
     }
 }
 
@@ -116,13 +116,13 @@ void initialiseCurlOnce() {
 
 }  // namespace
 
-Error URLError::make(int code, const std::string& failingUrl, const std::string& detail) {
+Error URLError::make(std::int64_t code, const std::string& failingUrl, const std::string& detail) {
     nlohmann::json info{{std::string(Error::localizedDescriptionKey), describe(code)},
                         {"NSErrorFailingURLStringKey", failingUrl}};
     if (!detail.empty()) {
         info["NSDebugDescription"] = detail;
     }
-    return Error(std::string(domain), code, std::move(info));
+    return Error(std::string(errors::urlDomain), code, std::move(info));
 }
 
 std::shared_ptr<const HTTPURLResponse> URLSessionDataTask::response() const {
@@ -358,7 +358,7 @@ struct URLSession::Engine {
             std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                 std::chrono::duration<double>(Environment::current()->http.requestDeadline)));
         if (refuse) {
-            complete(*transfer, URLError::make(URLError::cancelled, task->request_.url.absoluteString(),
+            complete(*transfer, URLError::make(errors::url::cancelled, task->request_.url.absoluteString(),
                                                "the session was invalidated"));
             return;
         }
@@ -386,7 +386,7 @@ struct URLSession::Engine {
             if (!isHeaderName(it->first) || !isHeaderValue(it->second)) {
                 // The value is not shown: it may be a credential.
                 const auto name = isHeaderName(it->first) ? "\"" + it->first + "\"" : std::string("a header");
-                complete(*transfer, URLError::make(URLError::badURL, request.url.absoluteString(),
+                complete(*transfer, URLError::make(errors::url::badURL, request.url.absoluteString(),
                                                    "the request's " + name +
                                                        " holds CR, LF or NUL or is not a header name; "
                                                        "nothing was sent"));
@@ -432,7 +432,7 @@ struct URLSession::Engine {
                                    transfer->deadline - std::chrono::steady_clock::now())
                                    .count();
         if (remaining <= 0) {
-            complete(*transfer, URLError::make(URLError::timedOut, request.url.absoluteString(),
+            complete(*transfer, URLError::make(errors::url::timedOut, request.url.absoluteString(),
                                                "the request's deadline passed before it was sent"));
             return;
         }
@@ -475,17 +475,17 @@ struct URLSession::Engine {
         const auto failing = transfer->task->request_.url.absoluteString();
         const auto target = URL::fromString(location);
         if (!target) {
-            complete(*transfer, URLError::make(URLError::badServerResponse, failing,
+            complete(*transfer, URLError::make(errors::url::badServerResponse, failing,
                                                "the redirect's location is not a URL"));
             return;
         }
         if (++transfer->redirects > maximumRedirects) {
-            complete(*transfer, URLError::make(URLError::httpTooManyRedirects, failing));
+            complete(*transfer, URLError::make(errors::url::httpTooManyRedirects, failing));
             return;
         }
         URLRequest& next = transfer->request;
         if (next.url.scheme() == "https" && target->scheme() != "https") {
-            complete(*transfer, URLError::make(URLError::secureConnectionRequired, failing,
+            complete(*transfer, URLError::make(errors::url::secureConnectionRequired, failing,
                                                "refused a redirect from https to " + target->scheme()));
             return;
         }
@@ -495,7 +495,7 @@ struct URLSession::Engine {
         }
         if (target->origin() != next.url.origin()) {
             if (next.httpMethod != "GET" && next.httpMethod != "HEAD") {
-                complete(*transfer, URLError::make(URLError::badServerResponse, failing,
+                complete(*transfer, URLError::make(errors::url::badServerResponse, failing,
                                                    "refused a redirect that would send the " +
                                                        next.httpMethod + " request to another origin"));
                 return;
@@ -534,7 +534,7 @@ struct URLSession::Engine {
         std::optional<Error> error;
         if (transfer->tooLarge) {
             error = URLError::make(
-                URLError::dataLengthExceedsMaximum, transfer->task->request_.url.absoluteString(),
+                errors::url::dataLengthExceedsMaximum, transfer->task->request_.url.absoluteString(),
                 "the answer was larger than " +
                     std::to_string(Environment::current()->http.maximumResponseBytes) + " bytes");
         } else if (result != CURLE_OK) {
@@ -593,7 +593,7 @@ struct URLSession::Engine {
                 auto owned = std::move(transfer);
                 transfers.erase(easy);
                 curl_multi_remove_handle(multi, owned->easy);
-                complete(*owned, URLError::make(URLError::cancelled, task->request_.url.absoluteString()));
+                complete(*owned, URLError::make(errors::url::cancelled, task->request_.url.absoluteString()));
                 return;
             }
         }

@@ -17,22 +17,8 @@ class URLSession;
 
 // Errors of the URL loading system, with the platform's codes.
 struct URLError {
-    static constexpr std::string_view domain = errors::urlDomain;
-    static constexpr int unknown = errors::url::unknown;
-    static constexpr int cancelled = errors::url::cancelled;
-    static constexpr int badURL = errors::url::badURL;
-    static constexpr int timedOut = errors::url::timedOut;
-    static constexpr int cannotFindHost = errors::url::cannotFindHost;
-    static constexpr int cannotConnectToHost = errors::url::cannotConnectToHost;
-    static constexpr int networkConnectionLost = errors::url::networkConnectionLost;
-    static constexpr int httpTooManyRedirects = errors::url::httpTooManyRedirects;
-    static constexpr int badServerResponse = errors::url::badServerResponse;
-    static constexpr int secureConnectionFailed = errors::url::secureConnectionFailed;
-    static constexpr int serverCertificateUntrusted = errors::url::serverCertificateUntrusted;
-    static constexpr int secureConnectionRequired = errors::url::secureConnectionRequired;
-    static constexpr int dataLengthExceedsMaximum = errors::url::dataLengthExceedsMaximum;
-
-    static Error make(int code, const std::string& failingUrl, const std::string& detail = {});
+    // `code` is one of errors::url, the domain errors::urlDomain.
+    static Error make(std::int64_t code, const std::string& failingUrl, const std::string& detail = {});
 };
 
 // One request of a session. Its state changes on the session's thread; the accessors may be read anywhere.
