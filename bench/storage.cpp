@@ -1,8 +1,11 @@
 // SessionStore.store (which synchronizes) against the least a durable write can cost, pwrite + fdatasync of
-// the same bytes in the same directory; SessionStore.value against an unordered_map lookup; and the number
-// of file syncs each synchronize costs.
+// the same bytes in the same directory, alone and while a second process keeps writing the same database;
+// SessionStore.value against an unordered_map lookup; and the number of file syncs each synchronize costs.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,6 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <unordered_map>
 
 #include "bench/BenchSupport.h"
@@ -41,9 +45,25 @@ constexpr int rounds = 10;
 constexpr int writesPerRound = 30;
 constexpr int reads = 200'000;
 
+// The second process: stores into the same database's session suite, for another app id, until killed.
+[[noreturn]] void writeUntilKilled(const char* dataDirectory) {
+    auto environment = platform::Environment::linuxDefaults("velmora-bench");
+    environment.dataDirectory = dataDirectory;
+    platform::Environment::install(environment);
+    const SessionStore other("bench-other-app");
+    for (long i = 0;; ++i) {
+        (void)other.store(PropertyValue(std::to_string(i)), "counter");
+    }
+}
+
 }  // namespace
 
-int main() {
+extern char** environ;
+
+int main(int argc, char** argv) {
+    if (argc == 3 && std::string(argv[1]) == "--writer") {
+        writeUntilKilled(argv[2]);
+    }
     const ScratchEnvironment scratch;
     const auto& env = scratch.environment;
 
@@ -82,6 +102,28 @@ int main() {
     }
     ::close(fd);
 
+    std::vector<double> sharedSamples;
+    std::string dataDirectory = env.dataDirectory->string();
+    std::string writerFlag = "--writer";
+    char* writerArguments[] = {argv[0], writerFlag.data(), dataDirectory.data(), nullptr};
+    pid_t writer = 0;
+    if (posix_spawn(&writer, "/proc/self/exe", nullptr, nullptr, writerArguments, environ) != 0) {
+        std::perror("posix_spawn");
+        return 1;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until it writes steadily
+    for (int i = 0; i < rounds * writesPerRound; ++i) {
+        const auto start = Clock::now();
+        const bool ok = store.store(PropertyValue(token + std::to_string(i % 10)), "pushToken");
+        sharedSamples.push_back(nanosecondsBetween(start, Clock::now()));
+        if (!ok) {
+            std::fprintf(stderr, "store failed while another process wrote\n");
+            return 1;
+        }
+    }
+    ::kill(writer, SIGKILL);
+    ::waitpid(writer, nullptr, 0);
+
     const auto idleBefore = fileSyncs.load();
     const bool idleOk = store.defaults()->synchronize();
     const int idleSyncs = fileSyncs.load() - idleBefore;
@@ -116,6 +158,8 @@ int main() {
              percentile(rawSamples, 99) / 1000, "us");
     printRow("SessionStore.store (synchronizes)", percentile(storeSamples, 50) / 1000,
              percentile(storeSamples, 99) / 1000, "us");
+    printRow("the same, another process writing too", percentile(sharedSamples, 50) / 1000,
+             percentile(sharedSamples, 99) / 1000, "us");
     std::printf("storage: file syncs per synchronize: mean %.2f, max %d; with nothing pending: %d (%s)\n",
                 totalSyncs / static_cast<double>(syncsPerStore.size()), maxSyncs, idleSyncs,
                 idleOk ? "ok" : "failed");
@@ -124,6 +168,7 @@ int main() {
     std::printf("  %-44s %10.1f ns\n", "SessionStore.value", valueNs);
 
     printRatio("storage_sync", percentile(storeSamples, 50) / percentile(rawSamples, 50));
+    printRatio("storage_sync_two_processes", percentile(sharedSamples, 50) / percentile(rawSamples, 50));
     printRatio("storage_read", valueNs / mapNs);
     std::printf("RATIO storage_syncs_per_synchronize %.2f\n",
                 totalSyncs / static_cast<double>(syncsPerStore.size()));

@@ -48,13 +48,20 @@ TEST_F(StoresTest, SessionStoreWritesThroughToDiskAndLogsEachStep) {
     EXPECT_EQ(store.value("pushToken"), PropertyValue(42));
 }
 
-TEST_F(StoresTest, AFailedSynchronizeIsReportedAndLogged) {
-    environment.dataDirectory.reset();
+TEST_F(StoresTest, AStoreThatCannotReachTheDiskIsReportedAndChangesNothing) {
+    std::ofstream(root / "in-the-way") << "a file where the data directory should be";
+    environment.dataDirectory = root / "in-the-way" / "data";
     reinstallEnvironment();
     const SessionStore store("app");
     EXPECT_FALSE(store.store(PropertyValue("v"), "k"));
     EXPECT_TRUE(logs->contains("[DEBUG]: failed to store k in session store."));
-    EXPECT_EQ(store.value("k"), PropertyValue("v")) << "the in-memory write is not rolled back";
+    EXPECT_EQ(store.value("k"), std::nullopt) << "what was not stored is not shown either";
+
+    environment.dataDirectory.reset();
+    reinstallEnvironment();
+    const SessionStore inMemory("app");
+    EXPECT_TRUE(inMemory.store(PropertyValue("v"), "k")) << "without a data directory, memory is the store";
+    EXPECT_EQ(inMemory.value("k"), PropertyValue("v"));
 }
 
 TEST_F(StoresTest, ANonDictionaryUnderTheAppIdReadsAsEmptyAndIsReplacedOnTheNextStore) {

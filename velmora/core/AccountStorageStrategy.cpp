@@ -6,8 +6,9 @@ namespace velmora {
 
 void NewAccountStorageStrategy::execute() const {
     CoreLogger::debug("Initialized with a different SDK configuration. Clearing storage.");
+    // Part of the transaction initialize runs, so the wipe and the record land together. Details that have
+    // no record (not text) still wipe: the next initialise then counts as a change of account again.
     stores_->clearAll();
-    // Not recording the account only means the next initialise counts as a change of account again.
     (void)AccountStore().store(*details_);
 }
 

@@ -111,10 +111,21 @@ bool Velmora::initialize(const std::string& appId, const std::string& clientId,
                                           std::make_shared<const AccountStore>())
         ->unregisterDevice();
 
-    if (AccountStore().storedAccount(*details)) {
-        ExistingAccountStorageStrategy(details, stores).execute();
-    } else {
-        NewAccountStorageStrategy(details, stores).execute();
+    // Read and changed under the storage's write lock: another process initialising at the same time sees
+    // either none of the switch or all of it.
+    const bool stored = stores->transaction([&] {
+        if (AccountStore().storedAccount(*details)) {
+            ExistingAccountStorageStrategy(details, stores).execute();
+        } else {
+            NewAccountStorageStrategy(details, stores).execute();
+        }
+    });
+    if (!stored) {
+        // Installing now would show this account the previous account's identity and session.
+        CoreLogger::error(
+            "Velmora was not initialized: the storage of the previous account could not be "
+            "replaced.");
+        return false;
     }
 
     install(velmora);
@@ -169,37 +180,40 @@ std::optional<Identity> Velmora::identity() const {
     return stored;
 }
 
-void Velmora::setIdentity(const Identity& identity) const {
+bool Velmora::setIdentity(const Identity& identity) const {
     std::lock_guard serialised(identityMutex_);
     const auto& identityStore = stores_->identityStore();
-    if (LegacyIdentityMigrator(*application_, identity).checkedAndMigratedIdentity()) {
-        identityStore.storeIdentityOnly(identity);
-        return;
-    }
-    if (const auto current = this->identity(); current && *current == identity) {
-        CoreLogger::debug("This identity is currently set.");
-        return;
-    }
-    // Text that is not UTF-8 cannot be stored: refuse it before the current user's session is cleared,
-    // rather than clear it and be left with no identity at all.
+    // Text that is not UTF-8 cannot be stored: refuse it before the current user's session is cleared.
     if (const auto encoded = identity.encode(); encoded.isError()) {
         CoreLogger::error("Can't change identity " + encoded.error().localizedDescription());
-        return;
+        return false;
     }
-    if (const auto pushToken = stores_->sessionStore().pushToken()) {
-        providers_->push().unregisterForPush(*pushToken);
-    }
-    stores_->clearSession();
-    identityStore.store(identity);
+    // One transaction: a crash, a full disk or another process never leaves the old session cleared
+    // without the new identity stored.
+    return stores_->transaction([&] {
+        if (LegacyIdentityMigrator(*application_, identity).checkedAndMigratedIdentity()) {
+            (void)identityStore.storeIdentityOnly(identity);
+            return;
+        }
+        if (const auto current = this->identity(); current && *current == identity) {
+            CoreLogger::debug("This identity is currently set.");
+            return;
+        }
+        if (const auto pushToken = stores_->sessionStore().pushToken()) {
+            providers_->push().unregisterForPush(*pushToken);
+        }
+        stores_->clearSession();
+        (void)identityStore.store(identity);
+    });
 }
 
-void Velmora::setIdentity(const VMKObjCIdentity& identity) const {
+bool Velmora::setIdentity(const VMKObjCIdentity& identity) const {
     auto unwrapped = identity.unwrap();
     if (unwrapped.isError()) {
         CoreLogger::error("Can't change identity " + unwrapped.error().localizedDescription());
-        return;
+        return false;
     }
-    setIdentity(unwrapped.value());
+    return setIdentity(unwrapped.value());
 }
 
 std::shared_ptr<VMKObjCIdentity> Velmora::objCIdentity() const {

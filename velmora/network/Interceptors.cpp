@@ -26,8 +26,10 @@ void InvalidResponseInterceptor::intercept(const std::optional<Data>&,
                                            const std::shared_ptr<const platform::HTTPURLResponse>& response,
                                            const std::optional<Error>&) {
     if (response && response->statusCode() == 401) {
-        sessionStore_.clear();
-        identityStore_.clear();
+        (void)identityStore_.defaults()->transaction([&] {
+            sessionStore_.clear();
+            identityStore_.clear();
+        });
     }
 }
 

@@ -49,25 +49,26 @@ Result<platform::URLRequest> LoginRequestInterceptor::intercept(Result<platform:
     }
     if (first) {
         // The answer comes on the main queue while the chains wait; the token is stored before any of them
-        // goes on.
-        accessProvider_->getAccess([login, store = identityStore_](Result<Access> access) {
-            if (access.isSuccess()) {
-                store.update(IdentityStore::authTokenKey, access.value().authentication.access_token);
-                store.update(IdentityStore::userIdKey, access.value().authentication.user_id);
-            }
-            {
-                std::lock_guard lock(pendingLoginsMutex());
-                if (const auto it = pendingLogins().find(store.appId());
-                    it != pendingLogins().end() && it->second == login) {
-                    pendingLogins().erase(it);
+        // goes on, unless the identity it was asked for has been replaced meanwhile.
+        accessProvider_->getAccess(
+            [login, store = identityStore_, forUuid = identityStore_.currentUuid()](Result<Access> access) {
+                if (access.isSuccess()) {
+                    (void)store.storeAccess(access.value().authentication.access_token,
+                                            access.value().authentication.user_id, forUuid);
                 }
-            }
-            {
-                std::lock_guard lock(login->mutex);
-                login->outcome = std::move(access);
-            }
-            login->done.leave();
-        });
+                {
+                    std::lock_guard lock(pendingLoginsMutex());
+                    if (const auto it = pendingLogins().find(store.appId());
+                        it != pendingLogins().end() && it->second == login) {
+                        pendingLogins().erase(it);
+                    }
+                }
+                {
+                    std::lock_guard lock(login->mutex);
+                    login->outcome = std::move(access);
+                }
+                login->done.leave();
+            });
     }
     login->done.wait();
     std::lock_guard lock(login->mutex);

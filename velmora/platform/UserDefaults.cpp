@@ -5,10 +5,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <functional>
+#include <limits>
 #include <map>
 #include <mutex>
+#include <set>
 
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/FileManager.h"
@@ -19,7 +24,37 @@ namespace velmora::platform {
 
 namespace fs = std::filesystem;
 
-// The in-memory view of every suite of one database file and the connection that persists it.
+namespace {
+
+// The changes of a transaction under way, kept apart from the shared view until they are committed.
+struct StagedChanges {
+    std::set<std::string, std::less<>> removedSuites;
+    std::map<std::string, std::map<std::string, std::optional<PropertyValue>, std::less<>>, std::less<>>
+        values;
+};
+
+// The transaction this thread runs, if any: the user defaults it touches go through its changes.
+struct ActiveTransaction {
+    const DefaultsDatabase* database = nullptr;
+    StagedChanges* changes = nullptr;
+};
+thread_local ActiveTransaction activeTransaction;
+
+// How late a read may be to see what another process committed. Writes are never late.
+constexpr std::chrono::milliseconds readRefreshInterval{10};
+
+// A monotonic clock that costs a few nanoseconds to read and is exact to a few milliseconds.
+std::int64_t coarseMilliseconds() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
+}
+
+}  // namespace
+
+// The in-memory view of every suite of one database file and the connection that persists it. The view
+// follows the file: every read and every write first loads what other connections (other processes) have
+// committed since, and every write is a read-modify-write under the database's write lock.
 // Lock order: connectionMutex_ before stateMutex_.
 class DefaultsDatabase {
   public:
@@ -38,7 +73,35 @@ class DefaultsDatabase {
     DefaultsDatabase& operator=(const DefaultsDatabase&) = delete;
 
     UserDefaults::Lookup lookup(std::string_view suite, std::string_view key) {
-        UserDefaults::Lookup found{std::unique_lock(stateMutex_), nullptr};
+        if (const auto* staged = stagedHere()) {
+            UserDefaults::Lookup found{std::unique_lock(stateMutex_), nullptr};
+            if (const auto s = staged->values.find(suite); s != staged->values.end()) {
+                if (const auto v = s->second.find(key); v != s->second.end()) {
+                    found.value = v->second ? &*v->second : nullptr;
+                    return found;
+                }
+            }
+            if (staged->removedSuites.contains(suite)) {
+                return found;
+            }
+            return lookupInView(std::move(found.lock), suite, key);
+        }
+        // Asking the file costs microseconds, a read from memory nanoseconds: a read asks at most every
+        // readRefreshInterval, so it sees another process's commits that much late at most. It never waits
+        // for a write of this process, which loads the file's news itself.
+        if (const auto now = coarseMilliseconds();
+            now - lastReadRefresh_.load(std::memory_order_relaxed) >= readRefreshInterval.count()) {
+            if (std::unique_lock connection(connectionMutex_, std::try_to_lock); connection.owns_lock()) {
+                lastReadRefresh_.store(now, std::memory_order_relaxed);
+                refresh();
+            }
+        }
+        return lookupInView(std::unique_lock(stateMutex_), suite, key);
+    }
+
+    UserDefaults::Lookup lookupInView(std::unique_lock<std::mutex> lock, std::string_view suite,
+                                      std::string_view key) {
+        UserDefaults::Lookup found{std::move(lock), nullptr};
         if (const auto s = suites_.find(suite); s != suites_.end()) {
             if (const auto v = s->second.values.find(key); v != s->second.values.end()) {
                 found.value = &v->second;
@@ -48,6 +111,10 @@ class DefaultsDatabase {
     }
 
     void set(std::string_view suite, std::string_view key, std::optional<PropertyValue> value) {
+        if (auto* staged = stagedHere()) {
+            staged->values[std::string(suite)].insert_or_assign(std::string(key), std::move(value));
+            return;
+        }
         std::lock_guard state(stateMutex_);
         auto& s = suites_[std::string(suite)];
         if (value) {
@@ -59,6 +126,9 @@ class DefaultsDatabase {
     }
 
     bool synchronize(std::string_view suite) {
+        if (stagedHere() != nullptr) {
+            return true;  // the enclosing transaction commits the changes, or none of them
+        }
         std::lock_guard connection(connectionMutex_);
         std::map<std::string, Pending, std::less<>> snapshot;
         {
@@ -69,7 +139,15 @@ class DefaultsDatabase {
             }
             snapshot = s->second.pending;
         }
-        if (!writeWithRecovery([&] { return writeChanges(suite, snapshot); })) {
+        if (!writeWithRecovery([&] {
+                return inTransaction([&] {
+                    std::vector<std::pair<std::string_view, const std::optional<PropertyValue>&>> rows;
+                    for (const auto& [key, change] : snapshot) {
+                        rows.emplace_back(key, change.value);
+                    }
+                    return writeRows(suite, rows);
+                });
+            })) {
             return false;
         }
         std::lock_guard state(stateMutex_);
@@ -85,12 +163,78 @@ class DefaultsDatabase {
     }
 
     void removeDomain(std::string_view suite) {
+        if (auto* staged = stagedHere()) {
+            staged->values.erase(std::string(suite));
+            staged->removedSuites.emplace(suite);
+            return;
+        }
         std::lock_guard connection(connectionMutex_);
         {
             std::lock_guard state(stateMutex_);
             suites_.erase(std::string(suite));
         }
-        writeWithRecovery([&] { return execute("DELETE FROM defaults WHERE suite = ?1", suite); });
+        writeWithRecovery([&] { return inTransaction([&] { return removeSuite(suite); }); });
+    }
+
+    // Runs `body` with every change it makes through the user defaults staged, then commits them at once.
+    // The write lock is held from before the body reads anything, so what it read is what it changes.
+    bool transaction(const std::function<void()>& body) {
+        if (stagedHere() != nullptr) {
+            body();  // part of the enclosing transaction
+            return true;
+        }
+        std::lock_guard connection(connectionMutex_);
+        StagedChanges staged;
+        const bool began = db_ != nullptr && begin() == SQLITE_OK;
+        activeTransaction = {this, &staged};
+        try {
+            body();
+        } catch (...) {
+            activeTransaction = {};
+            if (began) {
+                sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+            }
+            throw;
+        }
+        activeTransaction = {};
+        if (staged.values.empty() && staged.removedSuites.empty()) {
+            if (began) {
+                sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
+            }
+            return true;  // nothing to store, so nothing can be lost: even a file that cannot be written will
+                          // do
+        }
+        const auto writeStaged = [&] {
+            for (const auto& suite : staged.removedSuites) {
+                if (const int code = removeSuite(suite); code != SQLITE_OK) {
+                    return code;
+                }
+            }
+            for (const auto& [suite, rows] : staged.values) {
+                if (const int code = writeRows(suite, rows); code != SQLITE_OK) {
+                    return code;
+                }
+            }
+            return SQLITE_OK;
+        };
+        bool committed = false;
+        if (began) {
+            int code = writeStaged();
+            code = code == SQLITE_OK ? commit() : rollback();
+            committed = code == SQLITE_OK ||
+                        (isCorruption(code) && recoverAndRetry([&] { return inTransaction(writeStaged); }));
+            if (!committed && !isCorruption(code)) {
+                logWriteFailure(code);
+            }
+        } else if (db_ != nullptr) {
+            logWriteFailure(sqlite3_extended_errcode(db_) & 0xFF);
+        } else if (!file_) {
+            committed = true;  // a host without a data directory keeps its values in memory by choice
+        }
+        if (committed) {
+            apply(staged);
+        }
+        return committed;
     }
 
   private:
@@ -117,15 +261,71 @@ class DefaultsDatabase {
             return true;
         }
         if (!isCorruption(code)) {
-            systemLogLine(LogLevel::error, format("UserDefaults: writing %@ failed: %@", file_->string(),
-                                                  sqlite3_errstr(code)));
+            logWriteFailure(code);
             return false;
         }
-        moveAside(sqlite3_errstr(code));
+        return recoverAndRetry(write);
+    }
+
+    void logWriteFailure(int code) const {
+        systemLogLine(LogLevel::error,
+                      format("UserDefaults: writing %@ failed: %@", file_->string(), sqlite3_errstr(code)));
+    }
+
+    template <class Write>
+    bool recoverAndRetry(Write&& write) {
+        moveAside("the file is damaged");
         if (!openConnection(false)) {
             return false;
         }
         return rewriteEverything() == SQLITE_OK && write() == SQLITE_OK;
+    }
+
+    StagedChanges* stagedHere() const {
+        return activeTransaction.database == this ? activeTransaction.changes : nullptr;
+    }
+
+    // Called with connectionMutex_ held: loads the file again when another connection committed to it since
+    // this one last looked. Changes of this process not yet synchronized stay on top.
+    void refresh() {
+        if (db_ == nullptr) {
+            return;
+        }
+        if (dataVersion_ == nullptr &&
+            sqlite3_prepare_v2(db_, "PRAGMA data_version", -1, &dataVersion_, nullptr) != SQLITE_OK) {
+            return;
+        }
+        const int code = sqlite3_step(dataVersion_);
+        const auto version = code == SQLITE_ROW ? sqlite3_column_int64(dataVersion_, 0) : -1;
+        sqlite3_reset(dataVersion_);
+        if (version < 0 || version == loadedVersion_) {
+            return;
+        }
+        if (const int loaded = loadAll(); loaded != SQLITE_OK) {
+            systemLogLine(LogLevel::error, format("UserDefaults: reading %@ failed: %@", file_->string(),
+                                                  sqlite3_errstr(loaded)));
+            return;
+        }
+        loadedVersion_ = version;
+    }
+
+    // Applies committed changes to the shared view; they replace any pending change of the same key.
+    void apply(const StagedChanges& staged) {
+        std::lock_guard state(stateMutex_);
+        for (const auto& suite : staged.removedSuites) {
+            suites_.erase(suite);
+        }
+        for (const auto& [suite, rows] : staged.values) {
+            auto& s = suites_[suite];
+            for (const auto& [key, value] : rows) {
+                if (value) {
+                    s.values.insert_or_assign(key, *value);
+                } else {
+                    s.values.erase(key);
+                }
+                s.pending.erase(key);
+            }
+        }
     }
 
     // Called with connectionMutex_ held. `load`: read every stored suite into memory.
@@ -143,7 +343,19 @@ class DefaultsDatabase {
             int code =
                 sqlite3_open_v2(file_->c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
             if (code == SQLITE_OK) {
-                sqlite3_busy_timeout(db_, 5000);
+                // Another process's write is waited for, polling often so that a process writing again
+                // and again cannot keep this one out, and for 5 s at most.
+                sqlite3_busy_handler(
+                    db_,
+                    [](void*, int tries) {
+                        constexpr int attempts = 10'000;
+                        if (tries >= attempts) {
+                            return 0;
+                        }
+                        ::usleep(500);
+                        return 1;
+                    },
+                    nullptr);
                 code = prepareSchema();
             }
             if (code == SQLITE_OK && load) {
@@ -165,6 +377,9 @@ class DefaultsDatabase {
     }
 
     void closeConnection() {
+        sqlite3_finalize(dataVersion_);
+        dataVersion_ = nullptr;
+        loadedVersion_ = -1;
         if (db_ != nullptr) {
             sqlite3_close_v2(db_);
             db_ = nullptr;
@@ -233,13 +448,27 @@ class DefaultsDatabase {
             return code == SQLITE_OK ? SQLITE_ERROR : code;
         }
         std::lock_guard state(stateMutex_);
+        for (auto& [name, suite] : suites_) {
+            if (suite.pending.empty()) {
+                continue;
+            }
+            auto& fresh = loaded[name];
+            for (const auto& [key, change] : suite.pending) {
+                if (change.value) {
+                    fresh.values.insert_or_assign(key, *change.value);
+                } else {
+                    fresh.values.erase(key);
+                }
+            }
+            fresh.pending = std::move(suite.pending);
+        }
         suites_ = std::move(loaded);
         return SQLITE_OK;
     }
 
-    int execute(const char* sql, std::string_view suite) {
+    int removeSuite(std::string_view suite) {
         sqlite3_stmt* statement = nullptr;
-        int code = sqlite3_prepare_v2(db_, sql, -1, &statement, nullptr);
+        int code = sqlite3_prepare_v2(db_, "DELETE FROM defaults WHERE suite = ?1", -1, &statement, nullptr);
         if (code == SQLITE_OK) {
             sqlite3_bind_text(statement, 1, suite.data(), static_cast<int>(suite.size()), SQLITE_TRANSIENT);
             code = sqlite3_step(statement) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(db_);
@@ -279,27 +508,33 @@ class DefaultsDatabase {
         return code;
     }
 
-    int inTransaction(const std::function<int()>& body) {
-        int code = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+    // Takes the write lock (waiting a bounded time for another process's write) and loads what was
+    // committed before it, so that nothing written afterwards rests on an old view.
+    int begin() {
+        if (sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+            return sqlite3_extended_errcode(db_) & 0xFF;
+        }
+        refresh();
+        return SQLITE_OK;
+    }
+
+    int commit() {
+        return sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK ? SQLITE_OK : rollback();
+    }
+
+    int rollback() {
+        const int code = sqlite3_extended_errcode(db_) & 0xFF;
+        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        return code == SQLITE_OK ? SQLITE_ERROR : code;
+    }
+
+    template <class Body>
+    int inTransaction(Body&& body) {
+        int code = begin();
         if (code == SQLITE_OK) {
             code = body();
         }
-        if (code == SQLITE_OK) {
-            code = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
-        }
-        if (code != SQLITE_OK) {
-            code = sqlite3_extended_errcode(db_) & 0xFF;
-            sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
-        }
-        return code;
-    }
-
-    int writeChanges(std::string_view suite, const std::map<std::string, Pending, std::less<>>& changes) {
-        std::vector<std::pair<std::string_view, const std::optional<PropertyValue>&>> rows;
-        for (const auto& [key, change] : changes) {
-            rows.emplace_back(key, change.value);
-        }
-        return inTransaction([&] { return writeRows(suite, rows); });
+        return code == SQLITE_OK ? commit() : (code == SQLITE_BUSY ? code : rollback());
     }
 
     // After recovery: the fresh file gets every value this process holds, pending or not.
@@ -330,6 +565,9 @@ class DefaultsDatabase {
     std::mutex stateMutex_;
     std::map<std::string, Suite, std::less<>> suites_;
     std::uint64_t generation_ = 0;
+    sqlite3_stmt* dataVersion_ = nullptr;
+    std::atomic<std::int64_t> lastReadRefresh_{std::numeric_limits<std::int64_t>::min() / 2};
+    sqlite3_int64 loadedVersion_ = -1;
 };
 
 namespace {
@@ -402,6 +640,10 @@ bool UserDefaults::synchronize() {
 
 void UserDefaults::removePersistentDomain(std::string_view name) {
     database_->removeDomain(name);
+}
+
+bool UserDefaults::transaction(const std::function<void()>& body) const {
+    return database_->transaction(body);
 }
 
 }  // namespace velmora::platform

@@ -20,9 +20,8 @@ Result<Void> AccountStore::store(const AccountDetails& details) const {
     if (!key) {
         return Result<Void>::error(toError(AccountStoreError::base64EncodingError));
     }
-    const auto userDefaults = defaults();
-    userDefaults->set(accountIdKey, *key);
-    (void)userDefaults->synchronize();
+    const auto& userDefaults = defaults();
+    (void)userDefaults->transaction([&] { userDefaults->set(accountIdKey, *key); });
     return Result<Void>::success({});
 }
 

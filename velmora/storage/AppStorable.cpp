@@ -42,10 +42,13 @@ void AppStorable::clear() const {
     userDefaults->removePersistentDomain(userDefaults->name());
 }
 
-bool AppStorable::writeStorage(PropertyValue::Dictionary dictionary) const {
-    const auto userDefaults = defaults();
-    userDefaults->set(appId_, std::move(dictionary));
-    return userDefaults->synchronize();
+bool AppStorable::change(const std::function<void(PropertyValue::Dictionary&)>& edit) const {
+    const auto& userDefaults = defaults();
+    return userDefaults->transaction([&] {
+        auto dictionary = storage();
+        edit(dictionary);
+        userDefaults->set(appId_, std::move(dictionary));
+    });
 }
 
 }  // namespace velmora

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -41,9 +42,9 @@ class AppStorable : public UserDefaultsStorable {
     // Removes the whole suite: every app id's data in it, not only this one's.
     void clear() const;
 
-  protected:
-    // Puts the dictionary under the app id and synchronizes the suite; the synchronize result.
-    bool writeStorage(PropertyValue::Dictionary dictionary) const;
+    // Edits this app id's dictionary as stored now (by any process) and stores it, in one transaction of
+    // the user defaults, or as part of the one under way. False when it could not be stored; nothing changed.
+    bool change(const std::function<void(PropertyValue::Dictionary&)>& edit) const;
 
   private:
     std::string appId_;

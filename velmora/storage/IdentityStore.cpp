@@ -55,47 +55,64 @@ void IdentityStore::putIdentity(PropertyValue::Dictionary& dictionary, const Ide
     }
 }
 
-void IdentityStore::writeIdentityDictionary(PropertyValue::Dictionary dictionary) const {
-    CoreLogger::debug(writeStorage(std::move(dictionary))
-                          ? format("stored identity with app id: %@.", appId())
-                          : format("failed to store identity with app id: %@.", appId()));
+bool IdentityStore::logIdentityStored(bool stored) const {
+    CoreLogger::debug(stored ? format("stored identity with app id: %@.", appId())
+                             : format("failed to store identity with app id: %@.", appId()));
+    return stored;
 }
 
-void IdentityStore::store(const Identity& identity) const {
-    auto dictionary = storage();
-    putIdentity(dictionary, identity);
-    if (identity.anonymous() != nullptr) {
-        dictionary.insert_or_assign(std::string(guidKey), platform::uuidString());
-    } else {
-        dictionary.erase(std::string(guidKey));
-    }
-    dictionary.insert_or_assign(std::string(uuidKey), platform::uuidString());
-    dictionary.erase(std::string(userIdKey));
-    writeIdentityDictionary(std::move(dictionary));
+bool IdentityStore::store(const Identity& identity) const {
+    return logIdentityStored(change([&](PropertyValue::Dictionary& dictionary) {
+        putIdentity(dictionary, identity);
+        if (identity.anonymous() != nullptr) {
+            dictionary.insert_or_assign(std::string(guidKey), platform::uuidString());
+        } else {
+            dictionary.erase(std::string(guidKey));
+        }
+        dictionary.insert_or_assign(std::string(uuidKey), platform::uuidString());
+        dictionary.erase(std::string(userIdKey));
+    }));
 }
 
-void IdentityStore::storeIdentityOnly(const Identity& identity) const {
-    auto dictionary = storage();
-    putIdentity(dictionary, identity);
-    writeIdentityDictionary(std::move(dictionary));
+bool IdentityStore::storeIdentityOnly(const Identity& identity) const {
+    return logIdentityStored(
+        change([&](PropertyValue::Dictionary& dictionary) { putIdentity(dictionary, identity); }));
 }
 
 void IdentityStore::storeGuid(const std::optional<std::string>& guid) const {
-    auto dictionary = storage();
-    if (guid) {
-        dictionary.insert_or_assign(std::string(guidKey), *guid);
-    } else {
-        dictionary.erase(std::string(guidKey));
-    }
-    (void)writeStorage(std::move(dictionary));
+    (void)change([&](PropertyValue::Dictionary& dictionary) {
+        if (guid) {
+            dictionary.insert_or_assign(std::string(guidKey), *guid);
+        } else {
+            dictionary.erase(std::string(guidKey));
+        }
+    });
 }
 
 void IdentityStore::update(std::string_view key, const PropertyValue& value) const {
-    auto dictionary = storage();
-    dictionary.insert_or_assign(std::string(key), value);
-    CoreLogger::debug(writeStorage(std::move(dictionary))
-                          ? format("updated %@ on identity with app id: %@.", key, appId())
-                          : format("failed to update %@ on identity with app id: %@.", key, appId()));
+    const bool stored = change(
+        [&](PropertyValue::Dictionary& dictionary) { dictionary.insert_or_assign(std::string(key), value); });
+    CoreLogger::debug(stored ? format("updated %@ on identity with app id: %@.", key, appId())
+                             : format("failed to update %@ on identity with app id: %@.", key, appId()));
+}
+
+bool IdentityStore::storeAccess(const PropertyValue& token, const PropertyValue& userId,
+                                const std::optional<std::string>& forUuid) const {
+    bool current = false;
+    (void)defaults()->transaction([&] {
+        // A login answers for the identity it was made for: once another identity is stored (by this process
+        // or another one), its token must not be attached to that one.
+        current = storedText(uuidKey) == forUuid;
+        if (current) {
+            update(authTokenKey, token);
+            update(userIdKey, userId);
+        }
+    });
+    return current;
+}
+
+std::optional<std::string> IdentityStore::currentUuid() const {
+    return storedText(uuidKey);
 }
 
 }  // namespace velmora

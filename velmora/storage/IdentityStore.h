@@ -44,16 +44,24 @@ class IdentityStore : public AppStorable, public UserDetails {
     std::optional<std::int64_t> userId() const override;
 
     // A different identity: new UUID, a new GUID for anonymous users (none for JWT users), no user id.
-    void store(const Identity& identity) const;
+    // False when it could not be stored.
+    bool store(const Identity& identity) const;
     // An equal identity: only the identity itself is rewritten; GUID, UUID, token and user id stay.
-    void storeIdentityOnly(const Identity& identity) const;
+    bool storeIdentityOnly(const Identity& identity) const;
     void storeGuid(const std::optional<std::string>& guid) const;
     void update(std::string_view key, const PropertyValue& value) const;
+
+    // The UUID of the stored identity, without the log line uuid() writes when there is none.
+    std::optional<std::string> currentUuid() const;
+    // A login's token and user id, stored together, and only while the identity the login was made for
+    // (known by its UUID) is still the stored one. False when another identity has replaced it.
+    bool storeAccess(const PropertyValue& token, const PropertyValue& userId,
+                     const std::optional<std::string>& forUuid) const;
 
   private:
     std::optional<std::string> storedText(std::string_view key) const;
     static void putIdentity(PropertyValue::Dictionary& dictionary, const Identity& identity);
-    void writeIdentityDictionary(PropertyValue::Dictionary dictionary) const;
+    bool logIdentityStored(bool stored) const;
 };
 
 }  // namespace velmora

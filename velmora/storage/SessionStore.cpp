@@ -14,13 +14,13 @@ std::optional<PropertyValue> SessionStore::value(std::string_view key) const {
 bool SessionStore::store(const std::optional<PropertyValue>& value, std::string_view key) const {
     CoreLogger::debug(
         format("storing %@ with key %@ in session store with app id: %@.", value, key, appId()));
-    auto dictionary = storage();
-    if (value) {
-        dictionary.insert_or_assign(std::string(key), *value);
-    } else {
-        dictionary.erase(std::string(key));
-    }
-    const bool stored = writeStorage(std::move(dictionary));
+    const bool stored = change([&](PropertyValue::Dictionary& dictionary) {
+        if (value) {
+            dictionary.insert_or_assign(std::string(key), *value);
+        } else {
+            dictionary.erase(std::string(key));
+        }
+    });
     CoreLogger::debug(stored ? format("successfully stored %@ in session store.", key)
                              : format("failed to store %@ in session store.", key));
     return stored;

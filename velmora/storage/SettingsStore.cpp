@@ -9,10 +9,11 @@ using platform::format;
 
 bool SettingsStore::storeSettings(const Data& settings) const {
     CoreLogger::debug(format("storing settings with app id: %@.", appId()));
-    const auto userDefaults = defaults();
-    userDefaults->set(appId(), settings);
-    userDefaults->set(updatedAtKey, Date::now());
-    const bool stored = userDefaults->synchronize();
+    const auto& userDefaults = defaults();
+    const bool stored = userDefaults->transaction([&] {
+        userDefaults->set(appId(), settings);
+        userDefaults->set(updatedAtKey, Date::now());
+    });
     CoreLogger::debug(stored ? format("successfully stored settings with app id: %@.", appId())
                              : format("failed to store settings with app id: %@.", appId()));
     return stored;

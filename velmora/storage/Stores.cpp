@@ -19,22 +19,34 @@ void Stores::removeCacheDirectory() const {
     manager.remove(manager.cacheDirectoryURL());
 }
 
+bool Stores::transaction(const std::function<void()>& body) const {
+    return identityStore_.defaults()->transaction(body);
+}
+
 void Stores::clearSession() const {
-    identityStore_.clear();
-    sessionStore_.clear();
-    removeCacheDirectory();
+    if (transaction([&] {
+            identityStore_.clear();
+            sessionStore_.clear();
+        })) {
+        removeCacheDirectory();
+    }
 }
 
 void Stores::clearSettingsAndSession() const {
-    sessionStore_.clear();
-    settingStore_.clear();
+    (void)transaction([&] {
+        sessionStore_.clear();
+        settingStore_.clear();
+    });
 }
 
 void Stores::clearAll() const {
-    sessionStore_.clear();
-    identityStore_.clear();
-    settingStore_.clear();
-    removeCacheDirectory();
+    if (transaction([&] {
+            sessionStore_.clear();
+            identityStore_.clear();
+            settingStore_.clear();
+        })) {
+        removeCacheDirectory();
+    }
 }
 
 }  // namespace velmora

@@ -38,6 +38,11 @@ class Stores : public StoreModule {
 
     std::optional<std::filesystem::path> cacheDirectory() const override;
 
+    // Every change `body` makes to any store, committed at once or not at all; see UserDefaults.
+    bool transaction(const std::function<void()>& body) const;
+
+    // Each clear is one transaction (or part of the one under way); the cache directory goes once the
+    // stores' part is committed, or at once inside a transaction, since a cache may always be lost.
     // Identity, session, then the cache directory. Settings stay.
     void clearSession() const override;
     // Session, then settings. The identity and the cache directory stay.

@@ -60,9 +60,11 @@ class VELMORA_EXPORT Velmora : public PushUnregistrationContextProvider {
     // The stored identity; an anonymous one carries the store's current GUID.
     std::optional<Identity> identity() const;
     // Another user clears the old one's session (token, push registration, cache directory) first. No
-    // request is made: login happens with the first request that needs it.
-    void setIdentity(const Identity& identity) const;
-    void setIdentity(const VMKObjCIdentity& identity) const;
+    // request is made: login happens with the first request that needs it. The clearing and the new
+    // identity are stored together. False when the identity was refused or could not be stored (a full
+    // disk, a read-only file): then the previous identity and session stay, and an error line says why.
+    bool setIdentity(const Identity& identity) const;
+    bool setIdentity(const VMKObjCIdentity& identity) const;
     std::shared_ptr<VMKObjCIdentity> objCIdentity() const;
 
     CorePushUnregistrationContext pushContext() const override;

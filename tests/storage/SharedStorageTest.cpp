@@ -1,0 +1,214 @@
+// Several processes on one data directory, killed processes and a failing disk: every change that was
+// acknowledged is stored, and every other one leaves the old state whole.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <random>
+#include <thread>
+
+#include "tests/support/LibraryTest.h"
+#include "tests/support/PersistedDefaults.h"
+#include "velmora/core/Velmora.h"
+#include "velmora/identity/Identity.h"
+#include "velmora/storage/AccountStore.h"
+#include "velmora/storage/IdentityStore.h"
+#include "velmora/storage/SessionStore.h"
+
+namespace velmora::testing {
+namespace {
+
+constexpr const char* accountUrl = "http://127.0.0.1:9";  // never reached: nothing here makes a request
+
+pid_t forkChild(const std::function<int()>& body) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        std::_Exit(body());
+    }
+    return child;
+}
+
+int waitForChild(pid_t child) {
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return exitStatusOf(status);
+}
+
+class SharedStorageTest : public LibraryTest {
+  protected:
+    std::filesystem::path file() const { return *environment.dataDirectory / "UserDefaults.sqlite"; }
+
+    // The anonymous name stored for `appId` as a later launch reads it; "" for no identity.
+    std::string storedName(const std::string& appId) const {
+        const auto stored = persistedValue(file(), std::string(IdentityStore::suite), appId);
+        const auto* dictionary = stored ? stored->getIf<PropertyValue::Dictionary>() : nullptr;
+        const auto entry = dictionary != nullptr ? dictionary->find(std::string(IdentityStore::identityKey))
+                                                 : PropertyValue::Dictionary::const_iterator();
+        if (dictionary == nullptr || entry == dictionary->end() || entry->second.getIf<Data>() == nullptr) {
+            return "";
+        }
+        const auto identity = Identity::decode(*entry->second.getIf<Data>());
+        return identity.isSuccess() && identity.value().anonymous() != nullptr
+                   ? identity.value().anonymous()->name.value_or("?")
+                   : "?";
+    }
+
+    std::string storedAccount() const {
+        const auto stored =
+            persistedValue(file(), std::string(AccountStore::suite), std::string(AccountStore::accountIdKey));
+        const auto* text = stored ? stored->getIf<std::string>() : nullptr;
+        return text != nullptr ? *text : "";
+    }
+
+    static std::string accountKey(const std::string& appId) {
+        return *ApplicationConfiguration(appId, "client", accountUrl).base64();
+    }
+};
+
+TEST_F(SharedStorageTest, ProcessesWritingTheSameDictionaryKeepEveryAcknowledgedChange) {
+    constexpr int processes = 4;
+    constexpr int writes = 30;
+    std::vector<pid_t> children;
+    for (int p = 0; p < processes; ++p) {
+        children.push_back(forkChild([p] {
+            const SessionStore store("app");
+            for (int i = 0; i < writes; ++i) {
+                const auto value = std::to_string(p) + "-" + std::to_string(i);
+                if (!store.store(PropertyValue(value), "own-" + value) ||
+                    !store.store(PropertyValue(value), "shared")) {
+                    return 1;
+                }
+            }
+            return 0;
+        }));
+    }
+    for (const pid_t child : children) {
+        EXPECT_EQ(waitForChild(child), 0);
+    }
+    const auto stored = persistedValue(file(), std::string(SessionStore::suite), "app");
+    ASSERT_TRUE(stored && stored->getIf<PropertyValue::Dictionary>());
+    const auto& dictionary = *stored->getIf<PropertyValue::Dictionary>();
+    int missing = 0;
+    for (int p = 0; p < processes; ++p) {
+        for (int i = 0; i < writes; ++i) {
+            missing += dictionary.count("own-" + std::to_string(p) + "-" + std::to_string(i)) == 0 ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(missing, 0) << "of " << processes * writes << " acknowledged writes";
+    ASSERT_TRUE(dictionary.count("shared"));
+    EXPECT_TRUE(dictionary.at("shared").getIf<std::string>()->ends_with("-" + std::to_string(writes - 1)))
+        << "the shared key holds some process's last write";
+}
+
+TEST_F(SharedStorageTest, AnIdentityChangeRacingALoginIsNeverReverted) {
+    constexpr int rounds = 40;
+    const pid_t identities = forkChild([] {
+        if (!Velmora::initialize("app", "client", accountUrl)) {
+            return 1;
+        }
+        for (int i = 1; i <= rounds; ++i) {
+            Velmora::instance()->setIdentity(
+                Identity::createAnonymous("N" + std::to_string(i), std::nullopt));
+        }
+        return 0;
+    });
+    const pid_t logins = forkChild([] {
+        const IdentityStore store("app");
+        // What a login stores when its answer comes, until the other process is done changing identities.
+        for (int i = 0;; ++i) {
+            store.update(IdentityStore::authTokenKey, PropertyValue("token-" + std::to_string(i)));
+        }
+        return 0;
+    });
+    EXPECT_EQ(waitForChild(identities), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ::kill(logins, SIGKILL);
+    EXPECT_EQ(waitForChild(logins), 128 + SIGKILL);
+    EXPECT_EQ(storedName("app"), "N" + std::to_string(rounds));
+}
+
+// A process that switches accounts and identities over and over, killed at random moments: what is stored
+// afterwards is always the state before the operation under way or the state after it, never a half.
+TEST_F(SharedStorageTest, AKillAtAnyMomentLeavesTheStateBeforeOrAfterTheChange) {
+    struct Step {
+        std::string operation;  // "switch" to the account, or "set" the identity's name
+        std::string appId;
+        std::string name;
+    };
+    const std::vector<Step> cycle{{"switch", "b", ""}, {"set", "b", "B1"}, {"set", "b", "B2"},
+                                  {"switch", "a", ""}, {"set", "a", "A1"}, {"set", "a", "A2"}};
+    // The state once `step` (of the endless cycle) is done: the account recorded and its identity's name.
+    const auto matchesStateAfter = [&](std::size_t step) {
+        const auto& s = cycle[step % cycle.size()];
+        return storedAccount() == accountKey(s.appId) && storedName(s.appId) == s.name;
+    };
+    constexpr int kills = 40;
+    std::mt19937 random(20261123);
+    int checked = 0;
+    for (int kill = 0; kill < kills; ++kill) {
+        int progress[2];
+        ASSERT_EQ(::pipe(progress), 0);
+        const pid_t child = forkChild([&] {
+            ::close(progress[0]);
+            Velmora::initialize("a", "client", accountUrl);
+            Velmora::instance()->setIdentity(Identity::createAnonymous("A2", std::nullopt));
+            for (std::size_t step = 0;; ++step) {
+                const char mark = static_cast<char>(step % cycle.size());
+                if (::write(progress[1], &mark, 1) != 1) {
+                    return 1;
+                }
+                const auto& s = cycle[step % cycle.size()];
+                if (s.operation == "switch") {
+                    Velmora::initialize(s.appId, "client", accountUrl);
+                } else {
+                    Velmora::instance()->setIdentity(Identity::createAnonymous(s.name, std::nullopt));
+                }
+            }
+        });
+        ::close(progress[1]);
+        char mark = 0;
+        ASSERT_EQ(::read(progress[0], &mark, 1), 1) << "the child started its cycle";
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 60'000));
+        ::kill(child, SIGKILL);
+        EXPECT_EQ(waitForChild(child), 128 + SIGKILL);
+        char buffer[4096];
+        for (ssize_t n; (n = ::read(progress[0], buffer, sizeof buffer)) > 0;) {
+            mark = buffer[n - 1];
+        }
+        ::close(progress[0]);
+
+        const auto step = static_cast<std::size_t>(mark);
+        EXPECT_TRUE(matchesStateAfter(step + cycle.size() - 1) || matchesStateAfter(step))
+            << "killed during " << cycle[step].operation << " " << cycle[step].appId << " "
+            << cycle[step].name << ": found account " << storedAccount() << ", identity '"
+            << storedName(cycle[step].appId) << "'";
+        checked += 1;
+    }
+    EXPECT_EQ(checked, kills);
+}
+
+TEST_F(SharedStorageTest, AChangeTheDiskRefusesKeepsTheOldIdentityAndIsReported) {
+    const int status = runInChild([&] {
+        Velmora::initialize("app", "client", accountUrl);
+        const auto velmora = Velmora::instance();
+        velmora->setIdentity(Identity::createAnonymous("Ann", std::nullopt));
+        // From here on every write to a file fails, as on a full disk.
+        ::signal(SIGXFSZ, SIG_IGN);
+        const rlimit none{0, 0};
+        ::setrlimit(RLIMIT_FSIZE, &none);
+        const bool reported = !velmora->setIdentity(Identity::createAnonymous("Bob", std::nullopt));
+        const auto current = velmora->identity();
+        const bool keptInMemory = current && current->anonymous() && current->anonymous()->name == "Ann";
+        const bool logged = !logs->linesStartingWith("[ERROR]").empty() ||
+                            std::ranges::count(logs->levels(), LogLevel::error) > 0;
+        std::_Exit((keptInMemory ? 0 : 1) | (logged ? 0 : 2) | (reported ? 0 : 4));
+    });
+    EXPECT_EQ(status, 0) << "1: the process shows the change it did not store; 2: nothing logged at error "
+                            "level; 4: setIdentity reported success";
+    EXPECT_EQ(storedName("app"), "Ann");
+}
+
+}  // namespace
+}  // namespace velmora::testing
