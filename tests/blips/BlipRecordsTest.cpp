@@ -39,10 +39,8 @@ class BlipRecordsTest : public LibraryTest {
         reinstallEnvironment();
     }
 
-    static const Date fiveMillisPast;
+    inline static const Date fiveMillisPast = Date::fromMillisecondsSince1970(1'795'289'368'005);
 };
-
-const Date BlipRecordsTest::fiveMillisPast = Date::fromMillisecondsSince1970(1'795'289'368'005);
 
 TEST_F(BlipRecordsTest, DeviceFactsAreReadAfreshAsText) {
     const auto info = DeviceInfo::current();

@@ -1,17 +1,11 @@
 // The command-line host and the example, run as separate processes the way a user runs them.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/wait.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "tests/support/LibraryTest.h"
+#include "tests/support/PersistedDefaults.h"
 #include "tests/support/Watchdog.h"
 #include "tools/velmora-mock/AccountServer.h"
-
-extern char** environ;
 
 namespace velmora::testing {
 namespace {
@@ -28,35 +22,15 @@ struct ProcessRun {
     json errJson() const { return json::parse(err, nullptr, false); }
 };
 
-std::string slurp(const std::filesystem::path& file) {
-    std::ifstream in(file);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 ProcessRun runProgram(const std::filesystem::path& directory, std::vector<std::string> arguments) {
-    const auto outFile = directory / "stdout";
-    const auto errFile = directory / "stderr";
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    std::vector<char*> argv;
-    for (auto& argument : arguments) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-    pid_t pid = 0;
     ProcessRun run;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
+    if (const pid_t pid = spawnWithOutput(std::move(arguments), directory / "stdout", directory / "stderr")) {
         int status = 0;
-        waitpid(pid, &status, 0);
-        run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        ::waitpid(pid, &status, 0);
+        run.exitCode = exitStatusOf(status);
     }
-    posix_spawn_file_actions_destroy(&actions);
-    run.out = slurp(outFile);
-    run.err = slurp(errFile);
+    run.out = readFile(directory / "stdout");
+    run.err = readFile(directory / "stderr");
     return run;
 }
 
@@ -64,17 +38,10 @@ class CliTest : public LibraryTest {
   protected:
     // One launch of the host app for the account on `server`, with its state in this test's directories.
     ProcessRun velmora(std::vector<std::string> command, std::vector<std::string> options = {}) {
-        std::vector<std::string> arguments{VELMORA_CLI_PATH,
-                                           "--app-id",
-                                           "app",
-                                           "--client-id",
-                                           "client",
-                                           "--url",
-                                           server.url(),
-                                           "--data-dir",
-                                           (root / "cli-data").string(),
-                                           "--cache-dir",
-                                           (root / "cli-cache").string()};
+        std::vector<std::string> arguments = launcher;
+        arguments.insert(arguments.end(), {VELMORA_CLI_PATH, "--app-id", "app", "--client-id", "client"});
+        arguments.insert(arguments.end(), {"--url", server.url(), "--data-dir", (root / "cli-data").string(),
+                                           "--cache-dir", (root / "cli-cache").string()});
         arguments.insert(arguments.end(), options.begin(), options.end());
         arguments.insert(arguments.end(), command.begin(), command.end());
         return runProgram(root, std::move(arguments));
@@ -82,6 +49,7 @@ class CliTest : public LibraryTest {
 
     Watchdog watchdog{90s, "command-line test"};
     AccountServer server;
+    std::vector<std::string> launcher;  // what runs the command-line host, when not itself
 };
 
 TEST_F(CliTest, StateCarriesOverBetweenLaunchesAndLoginHappensOnce) {
@@ -144,6 +112,16 @@ TEST_F(CliTest, FailuresPrintTheErrorAndUsageAndTimeOutsHaveTheirOwnCodes) {
     const auto slow = velmora({"user", "get"}, {"--timeout", "0.5"});
     EXPECT_EQ(slow.exitCode, 3);
     EXPECT_NE(slow.err.find("timed out"), std::string::npos);
+}
+
+TEST_F(CliTest, AChangeTheDiskRefusesFailsTheCommandAndKeepsTheOldState) {
+    ASSERT_EQ(velmora({"identity", "anonymous", "--name", "Ann"}).exitCode, 0);
+    // No file may grow, as on a full disk (with the signal that limit raises ignored, as ENOSPC raises none).
+    launcher = {"/bin/sh", "-c", "trap '' XFSZ && ulimit -f 0 && exec \"$@\"", "sh"};
+    // Its output files cannot grow either: the exit code is all it can tell.
+    EXPECT_EQ(velmora({"identity", "anonymous", "--name", "Bob"}).exitCode, 1);
+    launcher.clear();
+    EXPECT_EQ(velmora({"identity", "show"}).outJson()["anonymous"]["name"], "Ann");
 }
 
 TEST_F(CliTest, AWarmSwitchUnregistersBeforeTheLaunchEndsAndLogsGoToStandardError) {

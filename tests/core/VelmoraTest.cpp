@@ -39,12 +39,6 @@ class VelmoraTest : public LibraryTest {
     }
     static std::shared_ptr<Velmora> installed() { return Velmora::instance(); }
     static bool drain() { return Velmora::waitForPendingRequests(10s); }
-    std::filesystem::path makeCacheDirectory() {
-        const auto directory = *installed()->storeModule().cacheDirectory();
-        std::filesystem::create_directories(directory);
-        std::ofstream(directory / "page.html") << "cached";
-        return directory;
-    }
 
     Watchdog watchdog{60s, "facade test"};
     AccountServer server;
@@ -158,7 +152,9 @@ TEST_F(VelmoraTest, SettingTheSameIdentityKeepsTheSessionAndAnotherOneClearsIt) 
     Awaited<Result<PushRegistrationResponse>> registered;
     velmora->providerModule().push().registerForPush("device-1", "en", registered.callback());
     ASSERT_TRUE(registered.wait().isSuccess());
-    const auto cache = makeCacheDirectory();
+    const auto cache = *velmora->storeModule().cacheDirectory();
+    std::filesystem::create_directories(cache);
+    std::ofstream(cache / "page.html") << "cached";
     const auto& identityStore = IdentityStore("app");
     ASSERT_TRUE(identityStore.oauthToken().has_value());
 

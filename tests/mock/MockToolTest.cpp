@@ -1,8 +1,6 @@
 // The local account server's executable, run as people run it and spoken to over HTTP.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <spawn.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -14,9 +12,8 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/support/LibraryTest.h"
+#include "tests/support/PersistedDefaults.h"
 #include "tests/support/Watchdog.h"
-
-extern char** environ;
 
 namespace velmora::testing {
 namespace {
@@ -26,30 +23,12 @@ using nlohmann::json;
 
 constexpr const char* me = "/api/mobile/users/me.json";
 
-std::string slurp(const std::filesystem::path& file) {
-    std::stringstream text;
-    text << std::ifstream(file).rdbuf();
-    return text.str();
-}
-
 // One run of the executable, its output in files named after `prefix`; killed if it outlives the test.
 struct MockProcess {
     MockProcess(const std::filesystem::path& prefix, std::vector<std::string> arguments)
         : out(prefix.string() + ".out"), err(prefix.string() + ".err") {
         arguments.insert(arguments.begin(), VELMORA_MOCK_PATH);
-        std::vector<char*> argv;
-        for (auto& argument : arguments) {
-            argv.push_back(argument.data());
-        }
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
-            pid = 0;
-        }
-        posix_spawn_file_actions_destroy(&actions);
+        pid = spawnWithOutput(std::move(arguments), out, err);
     }
     ~MockProcess() { exitCode(SIGKILL); }
 
@@ -61,7 +40,7 @@ struct MockProcess {
         }
         for (int i = 0, status = 0; pid > 0 && i < tries; ++i) {
             if (::waitpid(pid, &status, WNOHANG) == pid) {
-                code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+                code = exitStatusOf(status);
                 pid = 0;
             } else {
                 std::this_thread::sleep_for(10ms);
@@ -73,7 +52,7 @@ struct MockProcess {
     std::string url() {
         const std::string banner = "velmora-mock listening on ";
         for (int i = 0; i < 1000 && exitCode(0, 1) == -1; ++i) {
-            if (const auto text = slurp(out); text.find('\n') != std::string::npos) {
+            if (const auto text = readFile(out); text.find('\n') != std::string::npos) {
                 return text.starts_with(banner) ? text.substr(banner.size(), text.find('\n') - banner.size())
                                                 : "";
             }
@@ -134,7 +113,7 @@ TEST_F(MockToolTest, ScriptedAnswersFromTheFileAndTheAdminCallAreUsedInOrderAsOf
          json{{"path", "/api/mobile/user_fields.json"}, {"status", 418}, {"body", "teapot"}}});
     auto& mock = start({"--port", "0", "--script", (root / "script.json").string()});
     const auto url = mock.url();
-    ASSERT_FALSE(url.empty()) << slurp(mock.err);
+    ASSERT_FALSE(url.empty()) << readFile(mock.err);
     const auto token = login(url, "Ann");
     EXPECT_EQ(call(url, "GET", me, "", token).body, json({{"error", "down"}})) << "a JSON body goes as JSON";
     EXPECT_EQ(statuses(url, me, token, 2), (std::vector<int>{503, 200}));
@@ -163,7 +142,7 @@ TEST_F(MockToolTest, TheRequestLogAndStateAreReadOverHttpAndInTheLogFileAndReset
     auto& mock =
         start({"--port", "0", "--state", (root / "state.json").string(), "--log", (root / "log").string()});
     const auto url = mock.url();
-    ASSERT_FALSE(url.empty()) << slurp(mock.err);
+    ASSERT_FALSE(url.empty()) << readFile(mock.err);
     EXPECT_EQ(call(url, "GET", me, "", "token-2").body["user"]["name"], "Bo");
     const auto token = login(url, "Ann");
     EXPECT_NE(token, "token-2") << "a loaded token is never issued again";
@@ -177,7 +156,7 @@ TEST_F(MockToolTest, TheRequestLogAndStateAreReadOverHttpAndInTheLogFileAndReset
     EXPECT_EQ(call(url, "GET", "/__mock/requests?since=1").body, json::array({logged[1]}));
     EXPECT_EQ(call(url, "GET", "/__mock/requests?since=x").status, 400);
     json lines = json::array();
-    std::istringstream file(slurp(root / "log"));
+    std::istringstream file(readFile(root / "log"));
     for (std::string line; std::getline(file, line);) {
         lines.push_back(json::parse(line, nullptr, false));
     }
@@ -193,11 +172,11 @@ TEST_F(MockToolTest, TheRequestLogAndStateAreReadOverHttpAndInTheLogFileAndReset
 TEST_F(MockToolTest, APortInUseABadStateFileOrAUsageErrorStopsItWithStatusTwo) {
     auto& first = start({"--port", "0"});
     const auto url = first.url();
-    ASSERT_FALSE(url.empty()) << slurp(first.err);
+    ASSERT_FALSE(url.empty()) << readFile(first.err);
     const auto port = url.substr(url.rfind(':') + 1);
     auto& second = start({"--port", port});
     EXPECT_EQ(second.exitCode(), 2) << "a second server on the port";
-    EXPECT_NE(slurp(second.err).find(port), std::string::npos) << slurp(second.err);
+    EXPECT_NE(readFile(second.err).find(port), std::string::npos) << readFile(second.err);
     EXPECT_EQ(call(url, "GET", "/__mock/state").status, 200) << "the first one still serves";
 
     std::filesystem::create_directory(root / "directory.json");
@@ -213,15 +192,16 @@ TEST_F(MockToolTest, APortInUseABadStateFileOrAUsageErrorStopsItWithStatusTwo) {
         }
         auto& mock = start({"--port", "0", "--state", file.string()});
         EXPECT_EQ(mock.exitCode(), 2) << name;
-        EXPECT_NE(slurp(mock.err).find(file.string() + ": "), std::string::npos) << slurp(mock.err);
-        EXPECT_NE(slurp(mock.err).find(problem), std::string::npos) << slurp(mock.err);
-        EXPECT_EQ(std::filesystem::is_directory(file) ? "" : slurp(file), content) << "left as it was";
+        EXPECT_NE(readFile(mock.err).find(file.string() + ": "), std::string::npos) << readFile(mock.err);
+        EXPECT_NE(readFile(mock.err).find(problem), std::string::npos) << readFile(mock.err);
+        EXPECT_EQ(std::filesystem::is_directory(file) ? "" : readFile(file), content) << "left as it was";
     }
     for (const auto& wrong : std::vector<std::vector<std::string>>{
              {"--port", "http"}, {"--port", "70000"}, {"--tls", "cert.pem"}, {"--state"}, {"--verbose"}}) {
         auto& mock = start(wrong);
         EXPECT_EQ(mock.exitCode(), 2) << wrong[0];
-        EXPECT_NE(slurp(mock.err).find("usage: velmora-mock [--port PORT]"), std::string::npos) << wrong[0];
+        EXPECT_NE(readFile(mock.err).find("usage: velmora-mock [--port PORT]"), std::string::npos)
+            << wrong[0];
     }
 }
 
@@ -229,23 +209,23 @@ TEST_F(MockToolTest, TheStateIsSavedWholeOnSigtermAndSigintAndReadBackByTheNextS
     const auto stateFile = (root / "account.json").string();
     auto& first = start({"--port", "0", "--state", stateFile});
     const auto url = first.url();
-    ASSERT_FALSE(url.empty()) << slurp(first.err);
+    ASSERT_FALSE(url.empty()) << readFile(first.err);
     const auto token = login(url, "Ann");
-    EXPECT_EQ(first.exitCode(SIGTERM), 0) << slurp(first.err);
+    EXPECT_EQ(first.exitCode(SIGTERM), 0) << readFile(first.err);
     EXPECT_FALSE(std::filesystem::exists(stateFile + ".tmp"));
 
-    auto saved = json::parse(slurp(stateFile), nullptr, false);
-    ASSERT_TRUE(saved.is_object()) << slurp(stateFile);
+    auto saved = json::parse(readFile(stateFile), nullptr, false);
+    ASSERT_TRUE(saved.is_object()) << readFile(stateFile);
     EXPECT_EQ(saved["users"].size(), 1u);
     saved["note"] = "a key the server does not know";
     std::ofstream(stateFile) << saved.dump();
     auto& second = start({"--port", "0", "--state", stateFile});
     const auto again = second.url();
-    ASSERT_FALSE(again.empty()) << slurp(second.err);
+    ASSERT_FALSE(again.empty()) << readFile(second.err);
     EXPECT_EQ(call(again, "GET", me, "", token).body["user"]["name"], "Ann")
         << "the user and token came back";
-    EXPECT_EQ(second.exitCode(SIGINT), 0) << slurp(second.err);
-    EXPECT_EQ(json::parse(slurp(stateFile), nullptr, false), saved) << "nothing it held was dropped";
+    EXPECT_EQ(second.exitCode(SIGINT), 0) << readFile(second.err);
+    EXPECT_EQ(json::parse(readFile(stateFile), nullptr, false), saved) << "nothing it held was dropped";
 }
 
 }  // namespace

@@ -3,11 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <mutex>
 #include <regex>
 #include <thread>
 
+#include "tests/support/Awaited.h"
 #include "tests/support/LibraryTest.h"
 #include "tests/support/Watchdog.h"
 #include "tools/velmora-mock/AccountServer.h"
@@ -33,43 +33,25 @@ struct Outcome {
     bool onServiceQueue = false;
 };
 
-class Completion {
-  public:
-    TaskCompletion handler(std::optional<DispatchQueue> expectedQueue = std::nullopt) {
-        return [this, expectedQueue](const std::optional<Data>& data,
-                                     const std::shared_ptr<const HTTPURLResponse>& response,
-                                     const std::optional<Error>& error) {
-            std::lock_guard lock(mutex_);
-            outcome_ = Outcome{data, response, error, std::this_thread::get_id(),
-                               expectedQueue && expectedQueue->isCurrent()};
-            done_ = true;
-            changed_.notify_all();
-        };
-    }
-    Outcome wait() {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return done_; });
-        return outcome_;
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    Outcome outcome_;
-    bool done_ = false;
-};
+// A completion that hands what it got to `outcome`, noting whether it ran on `expectedQueue`.
+TaskCompletion handler(Awaited<Outcome>& outcome, std::optional<DispatchQueue> expectedQueue = std::nullopt) {
+    return [deliver = outcome.callback(), expectedQueue](
+               const std::optional<Data>& data, const std::shared_ptr<const HTTPURLResponse>& response,
+               const std::optional<Error>& error) {
+        deliver(Outcome{data, response, error, std::this_thread::get_id(),
+                        expectedQueue && expectedQueue->isCurrent()});
+    };
+}
 
 // Counts the chunks it sees.
 struct CountingResponseInterceptor : HTTPResponseInterceptor {
-    void intercept(const std::optional<Data>& data, const std::shared_ptr<const HTTPURLResponse>& response,
+    void intercept(const std::optional<Data>& data, const std::shared_ptr<const HTTPURLResponse>&,
                    const std::optional<Error>&) override {
         std::lock_guard lock(mutex);
         chunks.push_back(data ? data->toString() : "<none>");
-        statuses.push_back(response ? response->statusCode() : 0);
     }
     std::mutex mutex;
     std::vector<std::string> chunks;
-    std::vector<int> statuses;
 };
 
 struct FailingInterceptor : RequestInterceptor {
@@ -110,9 +92,9 @@ class NetworkClientTest : public LibraryTest {
     }
 
     Outcome perform(const ProviderService& s) {
-        Completion completion;
-        s.perform(completion.handler(callbackQueue));
-        return completion.wait();
+        Awaited<Outcome> outcome;
+        s.perform(handler(outcome, callbackQueue));
+        return outcome.wait();
     }
 
     Watchdog watchdog{60s, "network client test"};
@@ -183,11 +165,11 @@ TEST_F(NetworkClientTest, AFailingInterceptorHaltsTheChainSendsNothingAndAnswers
     const auto third = std::make_shared<RecordingInterceptor>("ThirdInterceptor");
     auto failing =
         service("/never", HttpMethod::get, {std::make_shared<FailingInterceptor>(), second, third});
-    Completion completion;
+    Awaited<Outcome> completion;
     std::thread::id executing;
     DispatchQueue("com.velmora.tests.executor").sync([&] {
         executing = std::this_thread::get_id();
-        NetworkClient::defaultClient().execute(failing, callbackQueue, completion.handler(callbackQueue));
+        NetworkClient::defaultClient().execute(failing, callbackQueue, handler(completion, callbackQueue));
     });
     const auto outcome = completion.wait();
     ASSERT_TRUE(outcome.error.has_value());
@@ -233,10 +215,10 @@ TEST_F(NetworkClientTest, ReplacingTheExecutorDivertsEveryPerform) {
     };
     const auto diverting = std::make_shared<Diverting>();
     ExecutorConfig::setExecutor(diverting);
-    Completion first;
-    service("/one").perform(first.handler());
-    Completion second;
-    service("/two", HttpMethod::post).perform(second.handler());
+    Awaited<Outcome> first;
+    service("/one").perform(handler(first));
+    Awaited<Outcome> second;
+    service("/two", HttpMethod::post).perform(handler(second));
     EXPECT_EQ(first.wait().data->toString(), "diverted");
     EXPECT_EQ(second.wait().data->toString(), "diverted");
     EXPECT_EQ(diverting->paths, (std::vector<std::string>{server.url() + "/one", server.url() + "/two"}));
@@ -268,14 +250,10 @@ TEST_F(NetworkClientTest, PendingRequestsEndWithTheirCompletionOrWhenAnExecutorD
 
     ExecutorConfig::setExecutor(holding);
     service("/held").perform([](auto&&...) {});
-    Completion refused;
-    bool drained = true;
-    platform::DispatchQueue::main().async([&] {
-        drained = PendingRequests::waitUntilDrained(std::chrono::seconds(5));
-        refused.handler()(std::nullopt, nullptr, std::nullopt);
-    });
-    refused.wait();
-    EXPECT_FALSE(drained) << "the main queue would wait for itself";
+    Awaited<bool> drained;
+    platform::DispatchQueue::main().async(
+        [&] { drained.callback()(PendingRequests::waitUntilDrained(std::chrono::seconds(5))); });
+    EXPECT_FALSE(drained.wait()) << "the main queue would wait for itself";
     EXPECT_TRUE(logs->contains(
         "[ERROR]: Waiting for pending requests on the main queue would block their completions."));
 }

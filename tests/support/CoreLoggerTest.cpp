@@ -26,7 +26,7 @@ class CoreLoggerTest : public LibraryTest {
     }
 };
 
-TEST_F(CoreLoggerTest, TheSwitchAndTheThresholdDecideWhatIsEmitted) {
+TEST_F(CoreLoggerTest, TheSwitchAndTheThresholdDecideWhatIsEmittedAndWhetherTheLoggingBlockRuns) {
     CoreLogger::setEnabled(false);
     EXPECT_TRUE(linesAt(LogLevel::verbose).empty()) << "nothing is logged while disabled, whatever the level";
     EXPECT_TRUE(linesAt(LogLevel::error).empty());
@@ -40,6 +40,15 @@ TEST_F(CoreLoggerTest, TheSwitchAndTheThresholdDecideWhatIsEmitted) {
     EXPECT_EQ(linesAt(LogLevel::error), (std::vector<std::string>{"[ERROR]: e"}));
     EXPECT_EQ(linesAt(LogLevel::verbose).back(), "[VERBOSE]: v");
     EXPECT_EQ(logs->levels().back(), LogLevel::verbose);
+
+    // The logging block runs only when its level would be emitted.
+    int ran = 0;
+    CoreLogger::setLogLevel(LogLevel::debug);
+    CoreLogger::log(LogLevel::verbose, [&] { ++ran; });
+    CoreLogger::log(LogLevel::debug, [&] { ++ran; });
+    CoreLogger::setEnabled(false);
+    CoreLogger::log(LogLevel::error, [&] { ++ran; });
+    EXPECT_EQ(ran, 1);
 }
 
 TEST_F(CoreLoggerTest, MessagesArePrintedLiterallyAndLevelsComeOnlyFromZeroToFour) {
@@ -50,15 +59,6 @@ TEST_F(CoreLoggerTest, MessagesArePrintedLiterallyAndLevelsComeOnlyFromZeroToFou
     EXPECT_EQ(logLevelFromRawValue(-1), std::nullopt);
     EXPECT_EQ(logLevelFromRawValue(0), LogLevel::error);
     EXPECT_EQ(logLevelFromRawValue(4), LogLevel::verbose);
-}
-
-TEST_F(CoreLoggerTest, TheLoggingBlockRunsOnlyWhenItsLevelWouldBeEmitted) {
-    int ran = 0;
-    CoreLogger::log(LogLevel::verbose, [&] { ++ran; });
-    CoreLogger::log(LogLevel::debug, [&] { ++ran; });
-    CoreLogger::setEnabled(false);
-    CoreLogger::log(LogLevel::error, [&] { ++ran; });
-    EXPECT_EQ(ran, 1);
 }
 
 TEST_F(CoreLoggerTest, TheConsoleSinkWritesOneStampedLinePerMessage) {

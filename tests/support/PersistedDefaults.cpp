@@ -1,10 +1,16 @@
 #include "tests/support/PersistedDefaults.h"
 
+#include <fcntl.h>
+#include <spawn.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+extern char** environ;
 
 namespace velmora::testing {
 
@@ -57,7 +63,36 @@ int runInChild(const std::function<void()>& body) {
     }
     int status = 0;
     ::waitpid(child, &status, 0);
+    return exitStatusOf(status);
+}
+
+pid_t spawnWithOutput(std::vector<std::string> arguments, const std::filesystem::path& out,
+                      const std::filesystem::path& err) {
+    std::vector<char*> argv;
+    for (auto& argument : arguments) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    pid_t pid = 0;
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
+        pid = 0;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+int exitStatusOf(int status) {
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+std::string readFile(const std::filesystem::path& file) {
+    std::stringstream text;
+    text << std::ifstream(file).rdbuf();
+    return text.str();
 }
 
 }  // namespace velmora::testing

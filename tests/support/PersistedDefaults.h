@@ -1,9 +1,12 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "velmora/platform/PropertyList.h"
 
@@ -16,5 +19,15 @@ std::size_t persistedRowCount(const std::filesystem::path& file);
 
 // Runs `body` in a forked child and returns its exit status (or 128 + the signal that ended it).
 int runInChild(const std::function<void()>& body);
+
+// Other programs, run as separate processes the way a user runs them.
+// Starts `arguments` (the program first) with its standard output and error written to the files `out` and
+// `err`; returns the child's process id, or 0 when it could not be started.
+pid_t spawnWithOutput(std::vector<std::string> arguments, const std::filesystem::path& out,
+                      const std::filesystem::path& err);
+// What waitpid's `status` says of how a child ended: its exit code, or 128 + the signal that ended it.
+int exitStatusOf(int status);
+// A whole file as text; empty when it cannot be read.
+std::string readFile(const std::filesystem::path& file);
 
 }  // namespace velmora::testing
