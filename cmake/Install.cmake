@@ -48,3 +48,19 @@ file(RELATIVE_PATH VELMORA_PC_PREFIX_FROM_PCDIR /${CMAKE_INSTALL_LIBDIR}/pkgconf
 configure_file(cmake/velmora-core.pc.in ${PROJECT_BINARY_DIR}/velmora-core.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/velmora-core.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
   COMPONENT core)
+
+# The Python package over the C interface (component "python", with a shared library only: ctypes loads it).
+# It lands in VELMORA_PYTHON_DIR under the prefix and finds the library from there through _installed.py.
+if(BUILD_SHARED_LIBS)
+  set(VELMORA_PYTHON_DIR ${CMAKE_INSTALL_LIBDIR}/python3/dist-packages
+      CACHE STRING "Where the Python package is installed, relative to the prefix")
+  install(DIRECTORY bindings/python/velmora DESTINATION ${VELMORA_PYTHON_DIR} COMPONENT python
+    FILES_MATCHING PATTERN "*.py" PATTERN "__pycache__" EXCLUDE)
+  file(RELATIVE_PATH _velmora_python_to_lib /${VELMORA_PYTHON_DIR}/velmora /${CMAKE_INSTALL_LIBDIR})
+  file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/python/_installed.py CONTENT
+"# Written by the install: the library relative to this package's directory.
+LIBRARY = \"${_velmora_python_to_lib}/$<TARGET_SONAME_FILE_NAME:velmora_core>\"
+")
+  install(FILES ${PROJECT_BINARY_DIR}/python/_installed.py DESTINATION ${VELMORA_PYTHON_DIR}/velmora
+    COMPONENT python)
+endif()

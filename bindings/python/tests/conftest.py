@@ -1,0 +1,66 @@
+"""A local account server (velmora-mock, from VELMORA_MOCK or the PATH) on a free port for the session, and
+the library configured once per process with directories of the session's own."""
+
+import itertools
+import json
+import os
+import shutil
+import subprocess
+import urllib.request
+
+import pytest
+
+import velmora
+
+
+class Server:
+    """The server's URL and its admin calls."""
+
+    def __init__(self, url):
+        self.url = url
+        self._opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+
+    def _call(self, method, path, body=None):
+        data = None if body is None else json.dumps(body).encode()
+        request = urllib.request.Request(self.url + path, data=data, method=method)
+        with self._opener.open(request, timeout=10) as response:
+            return json.loads(response.read() or b"null")
+
+    def answer(self, answer):
+        """The next matching request gets this answer (the mock's scripted-answer form)."""
+        self._call("POST", "/__mock/answers", answer)
+
+    def state(self):
+        return self._call("GET", "/__mock/state")
+
+
+@pytest.fixture(scope="session")
+def server():
+    mock = os.environ.get("VELMORA_MOCK") or shutil.which("velmora-mock")
+    if not mock:
+        pytest.skip("no velmora-mock: set VELMORA_MOCK")
+    process = subprocess.Popen([mock, "--port", "0"], stdout=subprocess.PIPE, text=True)
+    try:
+        banner = process.stdout.readline()
+        assert banner.startswith("velmora-mock listening on "), banner
+        yield Server(banner.split()[-1])
+    finally:
+        process.terminate()
+        process.wait(10)
+
+
+@pytest.fixture(scope="session")
+def configured(tmp_path_factory):
+    root = tmp_path_factory.mktemp("velmora")
+    velmora.configure("velmora-python-tests", root / "data", root / "caches")
+
+
+_accounts = itertools.count(1)
+
+
+@pytest.fixture
+def sdk(server, configured):
+    """The library for an account of the test's own: switching accounts wipes what the last test stored."""
+    instance = velmora.Velmora.initialize(f"python-app-{next(_accounts)}", "python-client", server.url)
+    yield instance
+    assert velmora.wait_for_pending_requests(10)
