@@ -1,8 +1,10 @@
 #pragma once
 
-// Everything a host application needs: the facade and its providers, the identity types, the logger and the
-// executor switch.
+// Everything a host application needs: the facade and its providers, the identity types, the logger, the
+// executor switch and help-centre loading.
 #include "velmora/Errors.h"
+#include "velmora/core/HelpCenterUtil.h"
+#include "velmora/core/VMKAuthenticationURLProtocol.h"
 #include "velmora/core/Velmora.h"
 #include "velmora/identity/Identity.h"
 #include "velmora/identity/ObjCIdentity.h"

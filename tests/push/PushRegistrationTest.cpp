@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "tests/support/Awaited.h"
 #include "tests/support/LibraryTest.h"
 #include "tests/support/Watchdog.h"
@@ -50,17 +52,17 @@ TEST_F(PushRegistrationTest, RegisteringTheSameIdentifierTwiceMakesOneRequestAnd
 
     const auto posted = server.requests("POST", "/api/mobile/push_notification_devices.json");
     ASSERT_EQ(posted.size(), 1u);
-    EXPECT_EQ(posted[0].json()["push_notification_device"], json({{"identifier", "device-token"},
-                                                                  {"device_type", "iphone"},
-                                                                  {"locale", "en-gb"},
-                                                                  {"sdk_guid", *identity->guid()}}));
+    EXPECT_EQ(posted[0].body,
+              R"({"push_notification_device":{"identifier":"device-token","device_type":"iphone",)"
+              R"("locale":"en-gb","sdk_guid":")" +
+                  *identity->guid() + R"("}})");
     EXPECT_TRUE(server.waitForEvents("PushOn", 2));
 
     EXPECT_EQ(registerDevice("channel-1", true).value().identifier, "channel-1");
-    EXPECT_EQ(server.requests("POST", "/api/mobile/push_notification_devices.json")
+    EXPECT_NE(server.requests("POST", "/api/mobile/push_notification_devices.json")
                   .at(1)
-                  .json()["push_notification_device"]["token_type"],
-              "urban_airship_channel_id");
+                  .body.find(R"("locale":"en-gb","token_type":"urban_airship_channel_id","sdk_guid":)"),
+              std::string::npos);
 }
 
 TEST_F(PushRegistrationTest, ARejectedRegistrationIsCode2000WithTheStatusAndKeepsTheStoredIdentifier) {
@@ -90,6 +92,24 @@ TEST_F(PushRegistrationTest, UnregisteringClearsTheIdentifierAndSendsPushOffOnly
     EXPECT_EQ(SessionStore("app").pushToken(), std::nullopt);
     EXPECT_TRUE(server.waitForEvents("PushOff", 1));
     EXPECT_TRUE(server.state()["devices"].empty());
+}
+
+// The stored identifier changes only when the account has taken the change.
+TEST_F(PushRegistrationTest, ANewIdentifierReplacesTheStoredOneAndAFailedUnregistrationKeepsIt) {
+    ASSERT_TRUE(registerDevice("old").isSuccess());
+    EXPECT_EQ(registerDevice("new").value().identifier, "new");
+    EXPECT_EQ(SessionStore("app").pushToken(), "new");
+
+    server.script("DELETE", "/api/mobile/push_notification_devices/new.json", {.drop = true});
+    provider().unregisterForPush();
+    const std::string failed =
+        "[DEBUG]: Push unregistration failed with Error Domain=NSURLErrorDomain Code=-1005 ";
+    for (int i = 0; i < 500 && logs->linesStartingWith(failed).empty(); ++i) {
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_EQ(logs->linesStartingWith(failed).size(), 1u);
+    EXPECT_EQ(SessionStore("app").pushToken(), "new");
+    EXPECT_FALSE(server.waitForEvents("PushOff", 1, 300ms));
 }
 
 }  // namespace

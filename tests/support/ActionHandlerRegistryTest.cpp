@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
+#include "tests/support/LibraryTest.h"
+#include "velmora/support/ActionDescription.h"
+
 namespace velmora::testing {
 namespace {
 
@@ -50,6 +55,51 @@ TEST(ActionHandlerRegistryTest, HandlersRankByPriorityAndRemovalTakesEveryEqualO
 
     registry.clear();
     EXPECT_EQ(registry.handler("help"), nullptr);
+}
+
+class ActionDescriptionTest : public LibraryTest {};
+
+// The icon is read once, from the bundle's file, and kept whatever it was.
+TEST_F(ActionDescriptionTest, TheIconComesFromTheBundleOnTheFirstReadAndIsKeptEvenWhenEmpty) {
+    const auto bundle = root / "Chat.bundle";
+    std::filesystem::create_directories(bundle);
+    const std::string png("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16);
+    std::ofstream(bundle / "chat@2x.png", std::ios::binary) << png;
+    struct Case {
+        std::optional<std::string> name;
+        std::optional<std::filesystem::path> bundle;
+        bool found;
+    };
+    const std::vector<Case> cases = {{"chat", bundle, true},
+                                     {std::nullopt, bundle, false},
+                                     {"chat", std::nullopt, false},
+                                     {"chat", root / "Missing.bundle", false},
+                                     {"../Chat.bundle/chat@2x.png", bundle, false},
+                                     {"help", bundle, false}};
+    for (const auto& c : cases) {
+        const ActionDescription description("Chat", "Start a chat", c.name, c.bundle);
+        const auto first = description.iconImage();
+        EXPECT_EQ(first.has_value(), c.found) << c.name.value_or("no name");
+        std::filesystem::copy_file(bundle / "chat@2x.png", bundle / "help.png");
+        std::filesystem::remove(bundle / "chat@2x.png");
+        EXPECT_EQ(description.iconImage(), first) << "kept from the first read";
+        std::filesystem::rename(bundle / "help.png", bundle / "chat@2x.png");
+    }
+    EXPECT_EQ(ActionDescription("Chat", "Chat", "chat", bundle).iconImage(),
+              (platform::Image{"chat", Data::fromString(png)}));
+
+    int loads = 0;
+    environment.imageLoader = [&loads](std::string_view name, const std::filesystem::path& from) {
+        ++loads;
+        return std::optional(platform::Image{std::string(name), Data::fromString(from.filename().string())});
+    };
+    reinstallEnvironment();
+    ActionDescription hosted("Chat", "Chat", "anything", bundle);
+    EXPECT_EQ(hosted.iconImage()->data.toString(), "Chat.bundle");
+    (void)hosted.iconImage();
+    EXPECT_EQ(loads, 1);
+    hosted.setIconImage(std::nullopt);
+    EXPECT_FALSE(hosted.iconImage().has_value()) << "set directly";
 }
 
 }  // namespace

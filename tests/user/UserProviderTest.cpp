@@ -99,6 +99,24 @@ TEST(UserRecordsTest, FieldDefinitionsDecodeStrictlyAsAWhole) {
                      .custom_field_options);
 }
 
+// Integers beyond the signed 64-bit range never wrap: the lenient user falls back, the strict field fails.
+TEST(UserRecordsTest, IntegersOutsideSigned64BitsAreRefusedNotWrapped) {
+    struct Case {
+        const char* id;
+        const char* userId;  // as the user keeps it
+        bool fieldDecodes;
+    };
+    for (const auto& c :
+         {Case{"9223372036854775807", "9223372036854775807", true},
+          Case{"-9223372036854775808", "-9223372036854775808", true},
+          Case{"9223372036854775808", "-1", false}, Case{"18446744073709551615", "-1", false}}) {
+        EXPECT_EQ(User::fromJson(json::parse(std::string(R"({"id": )") + c.id + "}")).id, c.userId) << c.id;
+        auto definition = field("plan");
+        definition["id"] = json::parse(c.id);
+        EXPECT_EQ(UserField::fromJson(definition).isSuccess(), c.fieldDecodes) << c.id;
+    }
+}
+
 TEST(UserRecordsTest, RecordsWriteTheAccountsFormBack) {
     const auto fieldJson = field("plan");
     EXPECT_EQ(UserField::fromJson(fieldJson).value().toJson(), fieldJson);
@@ -166,6 +184,10 @@ TEST_F(UserProviderTest, TagsAndFieldsRoundTripThroughTheAccount) {
     EXPECT_EQ(untagged.result->value().tags, (std::vector<std::string>{"c,d"}));
     EXPECT_EQ(server.requests("DELETE", "/api/mobile/user_tags/destroy_many.json").at(0).target,
               "/api/mobile/user_tags/destroy_many.json?tags=vip,a%20b");
+    const auto none = call<User>([&](auto cb) { users.deleteTags({}, cb); });
+    EXPECT_EQ(none.result->value().tags, (std::vector<std::string>{"c,d"}));
+    EXPECT_EQ(server.requests("DELETE", "/api/mobile/user_tags/destroy_many.json").at(1).target,
+              "/api/mobile/user_tags/destroy_many.json?tags=");
 
     const auto fields = call<User>([&](auto cb) {
         users.setUserFields({{"flag", true}, {"count", 42}, {"plan", "gold"}}, cb);

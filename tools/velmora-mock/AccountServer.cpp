@@ -765,6 +765,31 @@ AccountServer::Reply AccountServer::route(const RecordedRequest& request) {
         events_.push_back(event);
         return Reply{200, "", {{"Content-Type", "image/gif"}}, std::nullopt};
     }
+    if (method == "GET" && (path == "/hc" || path.starts_with("/hc/"))) {
+        // Help-centre pages, as a web view loads them: the home page greets a user whose bearer token the
+        // server issued, articles are for such users only.
+        const auto user = authenticatedUser(request);
+        const auto page = [](int status, const std::string& title, const std::string& text) {
+            return Reply{status,
+                         "<!DOCTYPE html><html><head><title>" + title + "</title></head><body><h1>" + title +
+                             "</h1><p>" + text + "</p></body></html>",
+                         {{"Content-Type", "text/html; charset=utf-8"}},
+                         std::nullopt};
+        };
+        static const std::map<std::string, std::pair<std::string, std::string>> articles = {
+            {"/hc/articles/1", {"Getting started", "Set up your account in three steps."}},
+            {"/hc/articles/2", {"Resetting your password", "Use the link on the sign-in page."}}};
+        if (path == "/hc" || path == "/hc/") {
+            return page(200, "Help Center",
+                        user ? "Signed in as user " + std::to_string(*user) + "."
+                             : std::string("Welcome, guest. Sign in to see your requests."));
+        }
+        if (const auto article = articles.find(path); article != articles.end()) {
+            return user ? page(200, article->second.first, article->second.second)
+                        : page(401, "Sign in required", "Sign in to read this article.");
+        }
+        return page(404, "Page not found", "There is no such page.");
+    }
     if (!path.starts_with("/api/mobile/")) {
         return Reply::json(404, errorBody("RecordNotFound", "Not found"));
     }

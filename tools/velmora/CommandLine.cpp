@@ -25,6 +25,7 @@ const char* const usage =
   blip action --version V --channel C --category CAT --action A [--label L] [--group required|behavioural|trailmark]
   blip page --version V --channel C --url U --title T --language L [--group ...]
   reinit --app-id ID --client-id ID --url URL      (a second initialize in the same launch: a warm start)
+  helpcenter get URL                (a page as a web view loads it: the account's pages with the user's token)
 )";
 
 namespace {

@@ -14,6 +14,8 @@
 #include "tools/velmora/CommandLine.h"
 #include "velmora/Velmora.h"
 #include "velmora/blips/DeviceInfo.h"
+#include "velmora/core/VMKAuthenticationURLProtocol.h"
+#include "velmora/platform/URLConnection.h"
 
 using namespace velmora;
 using namespace velmora::cli;
@@ -114,26 +116,36 @@ Action succeedWith(std::function<json(const Velmora&)> body) {
     };
 }
 
+// The outcome of a command whose whole point is a stored change: a change the library could not store
+// (a full disk, a read-only data directory) fails the command, with the reason already logged.
+void settleStored(const std::shared_ptr<Outcome>& outcome, bool stored, const std::string& what) {
+    if (stored) {
+        outcome->succeed(json::object());
+    } else {
+        outcome->fail(Error("velmora.cli", 1,
+                            {{std::string(Error::localizedDescriptionKey), what + " could not be stored"}}));
+    }
+}
+
+Action setIdentityAction(Identity identity) {
+    return [identity = std::move(identity)](const Velmora& velmora, const std::shared_ptr<Outcome>& outcome) {
+        settleStored(outcome, velmora.setIdentity(identity), "the identity");
+    };
+}
+
 Action identityCommand(const std::vector<std::string>& command) {
     const auto kind = word(command, 1, "identity");
     const auto words = "identity " + kind;
     if (kind == "anonymous") {
         const auto arguments = parseCommandArguments(words, rest(command, 2), {"name", "email"});
         expectArguments(words, arguments.positional, 0, 0);
-        const auto identity = Identity::createAnonymous(arguments.option("name"), arguments.option("email"));
-        return succeedWith([identity](const Velmora& velmora) {
-            velmora.setIdentity(identity);
-            return json::object();
-        });
+        return setIdentityAction(
+            Identity::createAnonymous(arguments.option("name"), arguments.option("email")));
     }
     if (kind == "jwt") {
         const auto arguments = parseCommandArguments(words, rest(command, 2), {});
         expectArguments(words, arguments.positional, 1, 1);
-        const auto identity = Identity::createJwt(arguments.positional[0]);
-        return succeedWith([identity](const Velmora& velmora) {
-            velmora.setIdentity(identity);
-            return json::object();
-        });
+        return setIdentityAction(Identity::createJwt(arguments.positional[0]));
     }
     if (kind == "show") {
         expectArguments(words, rest(command, 2), 0, 0);
@@ -278,6 +290,35 @@ Action blipCommand(const std::vector<std::string>& command) {
                      group);
 }
 
+// A page loaded as a host's web view would: through the URL loading system, with the help-centre protocol
+// registered, so that pages under the account URL carry the user's token. Any HTTP answer succeeds.
+Action helpCenterCommand(const std::vector<std::string>& command) {
+    const auto what = word(command, 1, "helpcenter");
+    if (what != "get") {
+        throw UsageError("unknown command 'helpcenter " + what + "'");
+    }
+    const auto arguments = rest(command, 2);
+    expectArguments("helpcenter get", arguments, 1, 1);
+    requireUrl(arguments[0]);
+    return [url = *platform::URL::fromString(arguments[0])](const Velmora&,
+                                                            const std::shared_ptr<Outcome>& outcome) {
+        platform::URLProtocol::registerClass<VMKAuthenticationURLProtocol>();
+        platform::URLConnection::sendAsynchronousRequest(
+            platform::URLRequest(url), platform::DispatchQueue::global(),
+            [outcome](const std::shared_ptr<const platform::HTTPURLResponse>& response, const Data& data,
+                      const std::optional<Error>& error) {
+                if (error || !response) {
+                    outcome->fail(
+                        error.value_or(Error(std::string(errors::urlDomain), errors::url::unknown)));
+                    return;
+                }
+                // Bytes that are not UTF-8 become U+FFFD, so that the answer stays one JSON document.
+                const auto text = json(data.toString()).dump(-1, ' ', false, json::error_handler_t::replace);
+                outcome->succeed(json{{"status", response->statusCode()}, {"body", json::parse(text)}});
+            });
+    };
+}
+
 Action parseCommand(const std::vector<std::string>& command) {
     const auto& name = command[0];
     if (name == "init") {
@@ -296,6 +337,9 @@ Action parseCommand(const std::vector<std::string>& command) {
     if (name == "push") {
         return pushCommand(command);
     }
+    if (name == "helpcenter") {
+        return helpCenterCommand(command);
+    }
     if (name == "blip") {
         return blipCommand(command);
     }
@@ -303,11 +347,10 @@ Action parseCommand(const std::vector<std::string>& command) {
         const auto a = parseCommandArguments("reinit", rest(command, 1), {"app-id", "client-id", "url"});
         expectArguments("reinit", a.positional, 0, 0);
         requireUrl(a.required("url"));
-        return succeedWith([appId = a.required("app-id"), clientId = a.required("client-id"),
-                            url = a.required("url")](const Velmora&) {
-            Velmora::initialize(appId, clientId, url);
-            return json::object();
-        });
+        return [appId = a.required("app-id"), clientId = a.required("client-id"), url = a.required("url")](
+                   const Velmora&, const std::shared_ptr<Outcome>& outcome) {
+            settleStored(outcome, Velmora::initialize(appId, clientId, url), "the new account");
+        };
     }
     throw UsageError("unknown command '" + name + "'");
 }

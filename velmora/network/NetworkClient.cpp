@@ -90,10 +90,16 @@ void SessionDelegate::didReceiveData(platform::URLSession&, platform::URLSession
 }
 
 void SessionDelegate::willCacheResponse(
-    platform::URLSession&, platform::URLSessionDataTask&, const platform::CachedURLResponse&,
+    platform::URLSession&, platform::URLSessionDataTask& task, const platform::CachedURLResponse& proposed,
     const std::function<void(std::optional<platform::CachedURLResponse>)>& completion) {
-    // Nothing is cached until a caching delegate may decide otherwise.
-    completion(std::nullopt);
+    // Only a service that brought a caching delegate, and a delegate with a transformer for this answer,
+    // leaves a record: the providers' own requests bring none.
+    const auto response = task.response();
+    const auto delegate = handlers();
+    const auto handler = response && delegate ? delegate->taskHandler(task.taskIdentifier()) : nullptr;
+    const auto transformer =
+        handler && handler->cachingDelegate ? handler->cachingDelegate->transformer(*response) : nullptr;
+    completion(transformer ? transformer->transform(proposed) : std::nullopt);
 }
 
 void SessionDelegate::didComplete(platform::URLSession&, platform::URLSessionDataTask& task,

@@ -91,6 +91,12 @@ bool mayHaveBody(const std::string& method, int status) {
     return method != "HEAD" && status != 204 && status != 304 && !(status >= 100 && status < 200);
 }
 
+// "If-None-Match", "If-Modified-Since" and the other preconditions.
+bool isConditional(std::string_view header) {
+    return header.size() > 3 && std::tolower(static_cast<unsigned char>(header[0])) == 'i' &&
+           std::tolower(static_cast<unsigned char>(header[1])) == 'f' && header[2] == '-';
+}
+
 bool isRedirectStatus(long status) {
     return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
 }
@@ -174,6 +180,12 @@ struct URLSession::Engine {
         bool delivered = false;  // a chunk (possibly empty) reached the delegate
         curl_off_t sent = 0;
         char errorText[CURL_ERROR_SIZE] = {};
+        // With a cache: the task's request with the session's headers, as the cache files and matches it.
+        std::optional<URLRequest> cacheRequest;
+        std::optional<CachedURLResponse> revalidating;  // the stale answer a conditional request asks about
+        bool fromCache = false;                         // the answer is the cache's: nothing to offer it
+        std::optional<bool> collecting;                 // the body is gathered for the cache's offer
+        Data collected;
     };
 
     URLSession& session;
@@ -306,7 +318,20 @@ struct URLSession::Engine {
         }
         engine.captureResponse(transfer);
         transfer.delivered = true;
-        engine.session.delegate_->didReceiveData(engine.session, *transfer.task, Data(buffer, size * count));
+        const Data chunk(buffer, size * count);
+        if (!transfer.collecting) {
+            transfer.collecting = engine.mayOffer(transfer);
+        }
+        if (*transfer.collecting) {
+            const auto limit = engine.session.configuration_.urlCache->maximumEntrySize();
+            if (transfer.collected.size() + chunk.size() > limit) {
+                transfer.collecting = false;  // the cache could not keep it anyway
+                transfer.collected = Data();
+            } else {
+                transfer.collected.append(chunk);
+            }
+        }
+        engine.session.delegate_->didReceiveData(engine.session, *transfer.task, chunk);
         return size * count;
     }
 
@@ -330,6 +355,75 @@ struct URLSession::Engine {
         long status = 0;
         curl_easy_getinfo(transfer.easy, CURLINFO_RESPONSE_CODE, &status);
         return isRedirectStatus(status) && transfer.responseHeaders.count("Location") > 0;
+    }
+
+    // Whether the answer is one the cache may keep, so that the delegate is offered it.
+    bool mayOffer(const Transfer& transfer) const {
+        const auto response = transfer.task->response();
+        return session.configuration_.urlCache && transfer.cacheRequest && !transfer.fromCache &&
+               transfer.redirects == 0 && response && URLCache::mayStore(*transfer.cacheRequest, *response);
+    }
+
+    // The task's request as the server would see it, apart from what the hops add.
+    URLRequest withSessionHeaders(const URLRequest& request) const {
+        URLRequest effective = request;
+        for (const auto& [name, value] : session.configuration_.httpAdditionalHeaders) {
+            effective.allHTTPHeaderFields.emplace(name, value);
+        }
+        return effective;
+    }
+
+    // Hands the delegate a kept answer as the task's answer.
+    void answerFromCache(Transfer& transfer, const CachedURLResponse& kept) {
+        {
+            std::lock_guard lock(transfer.task->mutex_);
+            transfer.task->response_ = kept.response;
+        }
+        transfer.fromCache = true;
+        if (!kept.data.empty() ||
+            mayHaveBody(transfer.task->request_.httpMethod, kept.response->statusCode())) {
+            transfer.delivered = true;
+            session.delegate_->didReceiveData(session, *transfer.task, kept.data);
+        }
+        complete(transfer, std::nullopt);
+    }
+
+    // Serves the request from the cache when it holds a fresh answer (true); with a stale one that has a
+    // validator, turns the request into a revalidation. A request conditional of its own goes to the server
+    // as it is: its preconditions are about what its sender holds.
+    bool consultCache(Transfer& transfer) {
+        const auto& cache = session.configuration_.urlCache;
+        if (!cache) {
+            return false;
+        }
+        transfer.cacheRequest = withSessionHeaders(transfer.task->request_);
+        const auto& fields = transfer.request.allHTTPHeaderFields;
+        if (std::any_of(fields.begin(), fields.end(),
+                        [](const auto& field) { return isConditional(field.first); })) {
+            return false;
+        }
+        const auto match = cache->match(*transfer.cacheRequest);
+        if (!match) {
+            return false;
+        }
+        if (match->fresh) {
+            answerFromCache(transfer, match->response);
+            return true;
+        }
+        const auto& kept = *match->response.response;
+        const auto etag = kept.value("ETag");
+        const auto modified = kept.value("Last-Modified");
+        if (!etag && !modified) {
+            return false;
+        }
+        if (etag) {
+            transfer.request.setValue(*etag, "If-None-Match");
+        }
+        if (modified) {
+            transfer.request.setValue(*modified, "If-Modified-Since");
+        }
+        transfer.revalidating = match->response;
+        return false;
     }
 
     void captureResponse(Transfer& transfer) {
@@ -360,6 +454,9 @@ struct URLSession::Engine {
         if (refuse) {
             complete(*transfer, URLError::make(errors::url::cancelled, task->request_.url.absoluteString(),
                                                "the session was invalidated"));
+            return;
+        }
+        if (consultCache(*transfer)) {
             return;
         }
         if (idleHandles.empty()) {
@@ -484,6 +581,12 @@ struct URLSession::Engine {
             return;
         }
         URLRequest& next = transfer->request;
+        if (transfer->revalidating) {
+            // The validators were the kept answer's, for this URL only.
+            next.allHTTPHeaderFields.erase("If-None-Match");
+            next.allHTTPHeaderFields.erase("If-Modified-Since");
+            transfer->revalidating.reset();
+        }
         if (next.url.scheme() == "https" && target->scheme() != "https") {
             complete(*transfer, URLError::make(errors::url::secureConnectionRequired, failing,
                                                "refused a redirect from https to " + target->scheme()));
@@ -543,6 +646,12 @@ struct URLSession::Engine {
                 transfer->errorText[0] != '\0' ? transfer->errorText : curl_easy_strerror(result));
         }
         const auto response = transfer->task->response();
+        if (!error && response && transfer->revalidating && response->statusCode() == 304) {
+            const auto refreshed = URLCache::updated(*transfer->revalidating, *response);
+            session.configuration_.urlCache->storeCachedResponse(refreshed, *transfer->cacheRequest);
+            answerFromCache(*transfer, refreshed);
+            return;
+        }
         if (!error && response && !transfer->delivered &&
             mayHaveBody(transfer->task->request_.httpMethod, response->statusCode())) {
             transfer->delivered = true;
@@ -557,23 +666,27 @@ struct URLSession::Engine {
             transfer.task->error_ = error;
         }
         const auto response = transfer.task->response();
-        if (!error && response && session.configuration_.urlCache) {
-            // The body was handed out chunk by chunk; what a cache would keep is offered by the delegate's
-            // handler, which gathered it. The proposal carries the response; the delegate decides.
-            const CachedURLResponse proposed{response, Data(), URLCacheStoragePolicy::allowed};
+        const auto& cache = session.configuration_.urlCache;
+        if (!error && response && transfer.collecting.value_or(mayOffer(transfer))) {
+            const CachedURLResponse proposed{response, transfer.collected, URLCacheStoragePolicy::allowed,
+                                             nullptr};
             bool answered = false;
-            session.delegate_->willCacheResponse(session, *transfer.task, proposed,
-                                                 [&](std::optional<CachedURLResponse> chosen) {
-                                                     answered = true;
-                                                     if (chosen) {
-                                                         session.configuration_.urlCache->storeCachedResponse(
-                                                             *chosen, transfer.task->request_);
-                                                     }
-                                                 });
+            session.delegate_->willCacheResponse(
+                session, *transfer.task, proposed, [&](std::optional<CachedURLResponse> chosen) {
+                    answered = true;
+                    if (chosen) {
+                        cache->storeCachedResponse(*chosen, *transfer.cacheRequest);
+                    }
+                });
             if (!answered) {
                 systemLogLine(LogLevel::warn,
                               "URLSession: the delegate did not answer willCacheResponse; nothing cached");
             }
+        }
+        const auto& method = transfer.task->request_.httpMethod;
+        if (!error && response && cache && method != "GET" && method != "HEAD" &&
+            response->statusCode() < 400) {
+            cache->removeCachedResponse(transfer.task->request_);  // what it held for the URL is out of date
         }
         session.delegate_->didComplete(session, *transfer.task, error);
         if (transfer.easy != nullptr) {

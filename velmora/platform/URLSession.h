@@ -57,8 +57,9 @@ class URLSessionDelegate {
                                  std::int64_t totalBytesSent, std::int64_t totalBytesExpectedToSend) = 0;
     // One call per chunk received; the task's response is known by then.
     virtual void didReceiveData(URLSession& session, URLSessionDataTask& task, const Data& data) = 0;
-    // Offered before completion for every answer with a body; `completion` gets what to store (nothing: no
-    // caching) and must be called exactly once, before returning.
+    // Offered before completion, with the whole body, for every answer from the network that the session's
+    // cache may keep by the HTTP rules (URLCache::mayStore); `completion` gets what to store (nothing: no
+    // caching) and must be called exactly once, before returning. Answers the cache gave are not offered.
     virtual void willCacheResponse(
         URLSession& session, URLSessionDataTask& task, const CachedURLResponse& proposed,
         const std::function<void(std::optional<CachedURLResponse>)>& completion) = 0;
@@ -79,6 +80,12 @@ struct URLSessionConfiguration {
 // serial queue. Connections are reused (HTTP/2 where the server offers it over TLS); cookies are never
 // stored; redirects are followed without carrying "Authorization" to another origin; TLS peers and host
 // names are verified. The session lives until invalidated; a session that is destroyed cancels its tasks.
+//
+// With a URL cache, a GET the cache holds a fresh answer for is answered from it without reaching the
+// server; a stale answer with a validator is revalidated ("If-None-Match", "If-Modified-Since"), and a 304
+// refreshes the kept answer and reaches the delegate as that answer, status and body. A request that sets
+// a conditional header itself gets the server's own answer. Other methods that succeed drop what the cache
+// held for their URL.
 class URLSession : public std::enable_shared_from_this<URLSession> {
   public:
     static std::shared_ptr<URLSession> make(URLSessionConfiguration configuration,

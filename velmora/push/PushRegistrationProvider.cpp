@@ -77,7 +77,8 @@ void PushRegistrationProvider::registerIdentifier(const std::string& identifier,
         return;
     }
 
-    json body = json::object();
+    // In the order the account documents them: some servers log or sign the body as it is.
+    nlohmann::ordered_json body = nlohmann::ordered_json::object();
     body["identifier"] = identifier;
     body["device_type"] = "iphone";
     body["locale"] = locale;
@@ -89,7 +90,7 @@ void PushRegistrationProvider::registerIdentifier(const std::string& identifier,
     }
     std::string encoded;
     try {
-        encoded = json{{"push_notification_device", body}}.dump();
+        encoded = nlohmann::ordered_json{{"push_notification_device", body}}.dump();
     } catch (const json::exception&) {
         // The caller is not told: no request could have been made of this.
         CoreLogger::error("Could not serialize Push registration request into JSON");

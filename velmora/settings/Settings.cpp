@@ -37,7 +37,7 @@ Result<CoreSettings> CoreSettings::fromJson(const json& document) {
         }
     }
     const auto brand = core->find("brand_id");
-    if (brand == core->end() || !brand->is_number_integer()) {
+    if (brand == core->end() || !isInt64(*brand)) {
         return R::error(DecodingError::typeMismatch("Expected an integer for \"brand_id\"."));
     }
     settings.brandId = brand->get<std::int64_t>();

@@ -7,6 +7,7 @@
 #include "velmora/settings/DefaultInterceptors.h"
 #include "velmora/support/DateStringParser.h"
 #include "velmora/support/DecodingError.h"
+#include "velmora/support/JsonReading.h"
 
 namespace velmora {
 
@@ -58,7 +59,11 @@ struct Strict {
     }
     void text(const char* key, std::string& out) { typed(key, out, &json::is_string, "a string"); }
     void integer(const char* key, std::int64_t& out) {
-        typed(key, out, &json::is_number_integer, "an integer");
+        if (const auto* value = member(key); value && isInt64(*value)) {
+            out = value->get<std::int64_t>();
+        } else if (value) {
+            error = DecodingError::typeMismatch(std::string("Expected an integer for \"") + key + "\".");
+        }
     }
     void integerText(const char* key, std::string& out) {
         std::int64_t number = 0;
@@ -108,7 +113,7 @@ User User::fromJson(const json& object) {
     if (!object.is_object()) {
         return user;
     }
-    if (const auto id = object.find("id"); id != object.end() && id->is_number_integer()) {
+    if (const auto id = object.find("id"); id != object.end() && isInt64(*id)) {
         user.id = id->dump();
     }
     if (const auto name = object.find("name"); name != object.end() && name->is_string()) {

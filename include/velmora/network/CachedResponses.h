@@ -8,7 +8,12 @@
 
 namespace velmora {
 
-// Decides what, if anything, the session's response cache keeps of an answer.
+// What a caching delegate learns of an answer: its URL, MIME type, text encoding, status and header fields.
+using CachedHTTPURLResponseDetails = platform::HTTPURLResponse;
+
+// Decides what, if anything, the session's response cache keeps of an answer: `proposed` carries the whole
+// body; what is returned is stored as it is, and later identical GETs are answered from it while it is fresh
+// (revalidated with its "ETag" or "Last-Modified" once it is not).
 class VELMORA_EXPORT CachedHTTPURLResponseTransformer {
   public:
     virtual ~CachedHTTPURLResponseTransformer() = default;
@@ -21,7 +26,7 @@ class VELMORA_EXPORT CachedHTTPURLResponseDelegate {
   public:
     virtual ~CachedHTTPURLResponseDelegate() = default;
     virtual std::shared_ptr<CachedHTTPURLResponseTransformer> transformer(
-        const platform::HTTPURLResponse& response) = 0;
+        const CachedHTTPURLResponseDetails& response) = 0;
 };
 
 }  // namespace velmora

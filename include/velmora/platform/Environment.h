@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "velmora/Export.h"
+#include "velmora/platform/Image.h"
 #include "velmora/platform/LogLevel.h"
 
 namespace velmora::platform {
@@ -58,6 +59,12 @@ struct VELMORA_EXPORT Environment {
     // Empty: facts read from the Linux kernel and the process's locale.
     std::shared_ptr<const DeviceFacts> deviceFacts;
     HTTPOptions http;
+    // Opens the resource bundle an action names for its icon. Empty: a directory that exists opens as
+    // itself.
+    BundleLoader bundleLoader;
+    // Loads a named image from an opened bundle. Empty: the file of that name in the bundle directory, as
+    // given or with ".png", "@2x.png", "@3x.png", ".jpg" or ".jpeg" appended.
+    ImageLoader imageLoader;
 
     // The defaults for an application of the given name (the executable's name when empty).
     static Environment linuxDefaults(std::string applicationName = {});

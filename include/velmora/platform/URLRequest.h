@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include <nlohmann/json.hpp>
+
 #include "velmora/Export.h"
 #include "velmora/platform/Data.h"
 #include "velmora/platform/URL.h"
@@ -31,6 +33,9 @@ struct VELMORA_EXPORT URLRequest {
     std::optional<double> timeoutInterval;
     // When the whole exchange must be over; empty: the environment's request deadline from when it starts.
     std::optional<std::chrono::steady_clock::time_point> deadline;
+    // Values URL protocols attach to the request (URLProtocol::property); they travel with its copies and
+    // are never sent.
+    std::map<std::string, nlohmann::json, std::less<>> protocolProperties;
 
     void setValue(std::string value, std::string_view field) {
         allHTTPHeaderFields.insert_or_assign(std::string(field), std::move(value));
@@ -68,6 +73,8 @@ struct VELMORA_EXPORT CachedURLResponse {
     std::shared_ptr<const HTTPURLResponse> response;
     Data data;
     URLCacheStoragePolicy storagePolicy = URLCacheStoragePolicy::allowed;
+    // Whatever the one who stored it wants kept beside it; null when nothing.
+    nlohmann::json userInfo = nullptr;
 };
 
 }  // namespace velmora::platform

@@ -1,0 +1,209 @@
+#include "velmora/core/HelpCenterUtil.h"
+#include "velmora/core/VMKAuthenticationURLProtocol.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <future>
+#include <thread>
+
+#include "tests/support/LibraryTest.h"
+#include "tests/support/Watchdog.h"
+#include "tools/velmora-mock/AccountServer.h"
+#include "velmora/core/Velmora.h"
+#include "velmora/storage/IdentityStore.h"
+
+namespace velmora::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using mock::AccountServer;
+using platform::URL;
+using platform::URLConnection;
+using platform::URLProtocol;
+using platform::URLRequest;
+
+struct Loaded {
+    int status = 0;
+    std::string body;
+    std::optional<Error> error;
+};
+
+// Loads through the URL loading system, as a host's web view would.
+Loaded load(URLRequest request) {
+    auto promise = std::make_shared<std::promise<Loaded>>();
+    auto loaded = promise->get_future();
+    URLConnection::sendAsynchronousRequest(
+        std::move(request), platform::DispatchQueue::global(),
+        [promise](const std::shared_ptr<const platform::HTTPURLResponse>& response, const Data& data,
+                  const std::optional<Error>& error) {
+            promise->set_value({response ? response->statusCode() : 0, data.toString(), error});
+        });
+    return loaded.get();
+}
+
+bool eventually(const std::function<bool()>& condition) {
+    for (int i = 0; i < 500 && !condition(); ++i) {
+        std::this_thread::sleep_for(10ms);
+    }
+    return condition();
+}
+
+// Answers requests to canned.invalid itself, through the canonical form of the request; "/hang" never.
+class Canned : public URLProtocol {
+  public:
+    Canned(URLRequest request, std::shared_ptr<platform::URLProtocolClient> client)
+        : URLProtocol(std::move(request), std::move(client)) {}
+    static bool canInit(const URLRequest& request) { return request.url.host() == "canned.invalid"; }
+    static URLRequest canonicalRequest(const URLRequest& request) {
+        auto canonical = request;
+        canonical.setValue("canned", "X-Form");
+        return canonical;
+    }
+    void startLoading() override {
+        ++starts;
+        if (request().url.absoluteString().ends_with("/hang")) {
+            return;
+        }
+        client()->didReceiveResponse(*this,
+                                     std::make_shared<const platform::HTTPURLResponse>(
+                                         request().url, 203, platform::HTTPHeaderFields{}),
+                                     platform::URLCacheStoragePolicy::allowed);
+        client()->didLoadData(*this, Data::fromString(request().value("X-Form").value_or("")));
+        client()->didFinishLoading(*this);
+    }
+    void stopLoading() override { ++stops; }
+    static inline std::atomic<int> starts{0};
+    static inline std::atomic<int> stops{0};
+};
+
+// Claims what Canned claims, in a form of its own.
+class Later : public Canned {
+  public:
+    using Canned::Canned;
+    static URLRequest canonicalRequest(const URLRequest& request) {
+        auto canonical = request;
+        canonical.setValue("later", "X-Form");
+        return canonical;
+    }
+};
+
+class HelpCenterTest : public LibraryTest {
+  protected:
+    HelpCenterTest() {
+        CoreLogger::setLogLevel(LogLevel::verbose);
+        URLProtocol::registerClass<VMKAuthenticationURLProtocol>();
+    }
+
+    static void storeToken(const std::optional<std::string>& token) {
+        const IdentityStore store("app");
+        if (token) {
+            store.update(IdentityStore::authTokenKey, PropertyValue(*token));
+        } else {
+            store.clear();
+        }
+    }
+
+    Watchdog watchdog{60s, "help centre test"};
+    AccountServer server;
+};
+
+// What the account received for one page request, as the URL loading system sent it.
+TEST_F(HelpCenterTest, OnlyAccountPagesWithoutAuthorizationGetTheTokenAndEachIsSentOnce) {
+    struct Case {
+        const char* name;
+        bool initialised;
+        std::optional<std::string> token;
+        std::string url;
+        std::optional<std::string> own;  // the request's own "Authorization"
+        std::optional<std::string> received;
+    };
+    const auto page = server.url() + "/hc/";
+    const auto upperCase = "HTTP" + page.substr(4);
+    const std::vector<Case> cases = {
+        {"before initialize", false, "tok", page, std::nullopt, std::nullopt},
+        {"no token", true, std::nullopt, page, std::nullopt, std::nullopt},
+        {"empty token", true, "", page, std::nullopt, std::nullopt},
+        {"token", true, "tok", page, std::nullopt, "Bearer tok"},
+        {"own header", true, "tok", page, "Basic host", "Basic host"},
+        {"URL differing in case", true, "tok", upperCase, std::nullopt, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (c.initialised) {
+            Velmora::initialize("app", "client", server.url());
+        }
+        storeToken(c.token);
+        server.clearRequests();
+        URLRequest request(*URL::fromString(c.url));
+        if (c.own) {
+            request.setValue(*c.own, "Authorization");
+        }
+        const auto loaded = load(request);
+        ASSERT_FALSE(loaded.error.has_value()) << loaded.error->description();
+        EXPECT_EQ(loaded.status, 200);
+        const auto seen = server.requests("GET", "/hc/");
+        ASSERT_EQ(seen.size(), 1u) << "claimed at most once, sent once";
+        EXPECT_EQ(seen[0].header("Authorization"), c.received);
+    }
+}
+
+TEST_F(HelpCenterTest, AMarkedCopyIsNotClaimedAgainAndWithoutATokenTheHookLogsAndChangesNothing) {
+    const URLRequest page(*URL::fromString(server.url() + "/hc/articles/1"));
+    const auto line = "[VERBOSE]: Unable to add header to request: " + server.url() + "/hc/articles/1";
+    EXPECT_EQ(HelpCenterUtil::canonicalRequest(page).allHTTPHeaderFields, page.allHTTPHeaderFields);
+    EXPECT_TRUE(logs->contains(line)) << "before initialize";
+    Velmora::initialize("app", "client", server.url());
+    logs->clear();
+    EXPECT_EQ(HelpCenterUtil::canonicalRequest(page).allHTTPHeaderFields, page.allHTTPHeaderFields);
+    EXPECT_EQ(logs->count(line), 1u) << "no token stored";
+    EXPECT_FALSE(HelpCenterUtil::hasAuth());
+
+    storeToken("tok");
+    EXPECT_EQ(HelpCenterUtil::velmoraURL(), server.url());
+    EXPECT_TRUE(HelpCenterUtil::hasAuth());
+    EXPECT_EQ(VMKAuthenticationURLProtocol::canonicalRequest(page).value("Authorization"), "Bearer tok");
+    EXPECT_TRUE(VMKAuthenticationURLProtocol::canInit(page));
+    for (const bool marker : {true, false}) {
+        auto copy = page;
+        URLProtocol::setProperty(marker, VMKAuthenticationURLProtocol::handledKey, copy);
+        EXPECT_EQ(URLProtocol::property("VMK_HELP_CENTER_URL_PROTOCOL_HANDLED_KEY", copy).value_or(nullptr),
+                  marker);
+        EXPECT_FALSE(VMKAuthenticationURLProtocol::canInit(copy)) << "a marker of any value";
+    }
+}
+
+TEST_F(HelpCenterTest, RegisteredProtocolsAnswerInPlaceOfTheNetworkLatestFirstAndAreStoppedOnce) {
+    URLProtocol::registerClass<Canned>();
+    const URLRequest request(*URL::fromString("http://canned.invalid/page"));
+    const auto canned = load(request);
+    EXPECT_EQ(canned.status, 203);
+    EXPECT_EQ(canned.body, "canned") << "the protocol loads the canonical request";
+    EXPECT_TRUE(URLProtocol::registerClass<Later>());
+    EXPECT_EQ(load(request).body, "later");
+    URLProtocol::unregisterClass<Later>();
+    EXPECT_EQ(load(request).body, "canned");
+    EXPECT_TRUE(eventually([] { return Canned::stops == 3; })) << "once each load ended";
+
+    struct Counting : platform::URLConnectionDelegate {
+        void didReceiveResponse(URLConnection&,
+                                const std::shared_ptr<const platform::HTTPURLResponse>&) override {
+            ++events;
+        }
+        void didReceiveData(URLConnection&, const Data&) override { ++events; }
+        void didFinishLoading(URLConnection&) override { ++events; }
+        void didFailWithError(URLConnection&, const Error&) override { ++events; }
+        std::atomic<int> events{0};
+    };
+    const auto delegate = std::make_shared<Counting>();
+    const auto hanging =
+        URLConnection::start(URLRequest(*URL::fromString("http://canned.invalid/hang")), delegate);
+    ASSERT_TRUE(eventually([] { return Canned::starts == 4; }));
+    hanging->cancel();
+    EXPECT_TRUE(eventually([] { return Canned::stops == 4; }));
+    EXPECT_EQ(delegate->events.load(), 0) << "a cancelled load reports nothing";
+}
+
+}  // namespace
+}  // namespace velmora::testing
