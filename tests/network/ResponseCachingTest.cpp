@@ -1,20 +1,13 @@
 #include <gtest/gtest.h>
 
-#include <future>
 #include <mutex>
 #include <set>
 
-#include "tests/support/LibraryTest.h"
-#include "tests/support/Watchdog.h"
-#include "tools/velmora-mock/AccountServer.h"
+#include "tests/support/ServerTest.h"
 #include "velmora/network/NetworkClient.h"
 
 namespace velmora::testing {
 namespace {
-
-using namespace std::chrono_literals;
-using mock::AccountServer;
-using mock::ScriptedAnswer;
 
 // Keeps what it is offered with "kept:" before the body, so that an answer from the cache shows itself.
 struct Keeper : CachedHTTPURLResponseTransformer {
@@ -46,76 +39,68 @@ struct Answer {
     std::string body;
 };
 
-class ResponseCachingTest : public LibraryTest {
+class ResponseCachingTest : public ServerTest {
   protected:
-    ResponseCachingTest()
-        : details(std::make_shared<ApplicationConfiguration>("app", "client", server.url())) {}
-
     Answer load(const std::string& path, std::shared_ptr<CachedHTTPURLResponseDelegate> delegate,
                 HttpMethod method = HttpMethod::get, std::map<std::string, std::string> headers = {}) {
         const ProviderService service(details, resourceURL(details->accountUrl(), path).value(), false,
                                       method, std::move(headers), std::nullopt, queue,
                                       Interceptors{{}, {}, interceptorQueue(), platform::DispatchGroup()},
                                       Reporter::none(), std::move(delegate));
-        std::promise<Answer> answer;
-        service.perform([&answer](const std::optional<Data>& data,
-                                  const std::shared_ptr<const platform::HTTPURLResponse>& response,
-                                  const std::optional<Error>&) {
-            answer.set_value({response ? response->statusCode() : 0, data ? data->toString() : ""});
+        return await<Answer>([&](auto done) {
+            service.perform([done](const std::optional<Data>& data,
+                                   const std::shared_ptr<const platform::HTTPURLResponse>& response,
+                                   const std::optional<Error>&) {
+                done({response ? response->statusCode() : 0, data ? data->toString() : ""});
+            });
         });
-        return answer.get_future().get();
     }
 
-    Watchdog watchdog{60s, "response caching test"};
-    AccountServer server;
-    std::shared_ptr<ApplicationConfiguration> details;
     platform::DispatchQueue queue{"com.velmora.tests.callbacks"};
 };
 
-TEST_F(ResponseCachingTest, AProvidersRequestLeavesNoRecordWhateverItsCachingHeaders) {
-    const std::string path = "/api/mobile/user_fields.json";
-    server.script("GET", path,
-                  {.status = 200,
-                   .body = "{}",
-                   .headers = {{"Cache-Control", "public, max-age=600"}, {"ETag", "\"1\""}},
-                   .times = std::nullopt});
-    EXPECT_EQ(load(path, nullptr).status, 200);
-    EXPECT_EQ(load(path, nullptr).status, 200);
-    const auto seen = server.requests("GET", path);
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[1].header("If-None-Match"), std::nullopt);
-    const auto& cache = NetworkClient::defaultClient().session()->configuration().urlCache;
-    const platform::URLRequest request(*platform::URL::fromString(server.url() + path));
-    EXPECT_FALSE(cache->cachedResponse(request).has_value());
-}
-
+// A fresh answer is kept only when the service's caching delegate has a transformer for it, and then only
+// what the transformer returns; a kept fresh answer never reaches the server.
 TEST_F(ResponseCachingTest, OnlyWhatTheTransformerReturnsIsKeptAndAFreshAnswerNeverReachesTheServer) {
     const auto delegate = std::make_shared<KeepStatuses>(std::set<int>{200});
     struct Case {
         std::string path;
         int status;
+        std::shared_ptr<CachedHTTPURLResponseDelegate> delegate;
         std::string again;  // the body of the second answer
         std::size_t requests;
     };
-    for (const auto& c : {Case{"/ok", 200, "kept:page", 1}, Case{"/missing", 404, "page", 2}}) {
+    const std::vector<Case> cases = {{"/ok", 200, delegate, "kept:page", 1},
+                                     {"/missing", 404, delegate, "page", 2},
+                                     {"/api/mobile/user_fields.json", 200, nullptr, "page", 2}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
         server.script("GET", c.path,
                       {.status = c.status,
                        .body = "page",
-                       .headers = {{"Cache-Control", "max-age=600"}},
+                       .headers = {{"Cache-Control", "public, max-age=600"}, {"ETag", "\"1\""}},
                        .times = std::nullopt});
-        EXPECT_EQ(load(c.path, delegate).body, "page");
-        const auto again = load(c.path, delegate);
-        EXPECT_EQ(again.status, c.status) << c.path;
-        EXPECT_EQ(again.body, c.again) << c.path;
-        EXPECT_EQ(server.requests("GET", c.path).size(), c.requests) << c.path;
+        EXPECT_EQ(load(c.path, c.delegate).body, "page");
+        const auto again = load(c.path, c.delegate);
+        EXPECT_EQ(again.status, c.status);
+        EXPECT_EQ(again.body, c.again);
+        EXPECT_EQ(server.requests("GET", c.path).size(), c.requests);
     }
     EXPECT_EQ(delegate->keeper->offered, std::vector<std::string>{"page"}) << "offered once, whole";
+
+    // One user's answers never stand for another's: not under another token, not after an identity change.
+    EXPECT_EQ(load("/ok", delegate, HttpMethod::get, {{"Authorization", "Bearer a"}}).body, "page");
+    EXPECT_EQ(load("/ok", delegate, HttpMethod::get, {{"Authorization", "Bearer a"}}).body, "kept:page");
+    EXPECT_EQ(load("/ok", delegate, HttpMethod::get, {{"Authorization", "Bearer b"}}).body, "page");
+    NetworkClient::defaultClient().removeCachedResponses();
+    EXPECT_EQ(load("/ok", delegate).body, "page");
+    EXPECT_EQ(server.requests("GET", "/ok").size(), 4u);
 
     // A successful change to the resource makes the kept answer useless.
     server.script("POST", "/ok", {.status = 201});
     load("/ok", delegate, HttpMethod::post);
     EXPECT_EQ(load("/ok", delegate).body, "page");
-    EXPECT_EQ(server.requests("GET", "/ok").size(), 2u);
+    EXPECT_EQ(server.requests("GET", "/ok").size(), 5u);
 }
 
 TEST_F(ResponseCachingTest, AStaleAnswerIsRevalidatedAndA304BringsBackTheKeptOne) {
@@ -127,6 +112,7 @@ TEST_F(ResponseCachingTest, AStaleAnswerIsRevalidatedAndA304BringsBackTheKeptOne
     };
     for (const auto& c : {Case{"ETag", "\"v1\"", "If-None-Match"},
                           Case{"Last-Modified", "Tue, 15 Nov 1994 12:45:26 GMT", "If-Modified-Since"}}) {
+        SCOPED_TRACE(c.validator);
         const auto path = "/" + c.condition;
         server.script("GET", path,
                       {.status = 200,
@@ -135,17 +121,17 @@ TEST_F(ResponseCachingTest, AStaleAnswerIsRevalidatedAndA304BringsBackTheKeptOne
         server.script("GET", path, {.status = 304, .headers = {{"Cache-Control", "max-age=600"}}});
         EXPECT_EQ(load(path, delegate).body, "v1");
         const auto revalidated = load(path, delegate);
-        EXPECT_EQ(revalidated.status, 200) << c.validator;
-        EXPECT_EQ(revalidated.body, "kept:v1") << c.validator;
-        EXPECT_EQ(load(path, delegate).body, "kept:v1") << "the 304 made it fresh: " << c.validator;
+        EXPECT_EQ(revalidated.status, 200);
+        EXPECT_EQ(revalidated.body, "kept:v1");
+        EXPECT_EQ(load(path, delegate).body, "kept:v1") << "the 304 made it fresh";
         const auto seen = server.requests("GET", path);
-        ASSERT_EQ(seen.size(), 2u) << c.validator;
+        ASSERT_EQ(seen.size(), 2u);
         EXPECT_EQ(seen[0].header(c.condition), std::nullopt);
         EXPECT_EQ(seen[1].header(c.condition), c.value);
 
         // Preconditions of the caller's own are the caller's: the server's 304 comes back as it is.
         server.script("GET", path, {.status = 304});
-        EXPECT_EQ(load(path, delegate, HttpMethod::get, {{c.condition, c.value}}).status, 304) << c.validator;
+        EXPECT_EQ(load(path, delegate, HttpMethod::get, {{c.condition, c.value}}).status, 304);
     }
 }
 

@@ -23,8 +23,19 @@ bool HelpCenterUtil::hasAuth() {
     return token && !token->empty();
 }
 
+bool HelpCenterUtil::isAccountPage(const platform::URL& url) {
+    const auto account = velmoraURL();
+    if (!account || !url.absoluteString().starts_with(*account)) {
+        return false;
+    }
+    // The text prefix alone would also take "https://acme.example.com.other.net" or
+    // "https://acme.example.com@other.net" for the account "https://acme.example.com".
+    const auto accountUrl = platform::URL::fromString(*account);
+    return accountUrl && !url.hasUserInfo() && url.origin() == accountUrl->origin();
+}
+
 platform::URLRequest HelpCenterUtil::canonicalRequest(const platform::URLRequest& request) {
-    if (const auto token = storedToken(Velmora::instance())) {
+    if (const auto token = isAccountPage(request.url) ? storedToken(Velmora::instance()) : std::nullopt) {
         auto copy = request;
         copy.setValue("Bearer " + *token, "Authorization");
         return copy;

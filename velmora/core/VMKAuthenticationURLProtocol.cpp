@@ -12,9 +12,8 @@ bool VMKAuthenticationURLProtocol::canInit(const URLRequest& request) {
     if (property(handledKey, request)) {
         return false;
     }
-    const auto account = HelpCenterUtil::velmoraURL();
-    return account && HelpCenterUtil::hasAuth() && request.url.absoluteString().starts_with(*account) &&
-           !request.value("Authorization");
+    return HelpCenterUtil::velmoraURL() && HelpCenterUtil::hasAuth() &&
+           HelpCenterUtil::isAccountPage(request.url) && !request.value("Authorization");
 }
 
 URLRequest VMKAuthenticationURLProtocol::canonicalRequest(const URLRequest& request) {

@@ -78,9 +78,9 @@ bool Velmora::initialize(const std::string& appId, const std::string& clientId,
         return false;
     }
     std::lock_guard serialised(initializeMutex());
-    // The shared client, and with it libcurl and OpenSSL, is set up now, on the host's thread: set up lazily
-    // by a request, it could still be initialising while the process exits.
-    NetworkClient::defaultClient();
+    // The shared client, and with it libcurl and OpenSSL, is set up now, off the host's thread (it costs more
+    // than the rest of initialize): the first request most likely finds it ready.
+    platform::DispatchQueue::global().async([] { NetworkClient::defaultClient(); });
 
     auto stores = std::make_shared<const Stores>(appId);
     auto details = std::make_shared<const ApplicationConfiguration>(appId, clientId, velmoraUrl);
@@ -113,13 +113,18 @@ bool Velmora::initialize(const std::string& appId, const std::string& clientId,
 
     // Read and changed under the storage's write lock: another process initialising at the same time sees
     // either none of the switch or all of it.
+    bool accountKept = false;
     const bool stored = stores->transaction([&] {
-        if (AccountStore().storedAccount(*details)) {
+        accountKept = AccountStore().storedAccount(*details);
+        if (accountKept) {
             ExistingAccountStorageStrategy(details, stores).execute();
         } else {
             NewAccountStorageStrategy(details, stores).execute();
         }
     });
+    if (stored && !accountKept) {
+        NetworkClient::defaultClient().removeCachedResponses();
+    }
     if (!stored) {
         // Installing now would show this account the previous account's identity and session.
         CoreLogger::error(
@@ -190,7 +195,8 @@ bool Velmora::setIdentity(const Identity& identity) const {
     }
     // One transaction: a crash, a full disk or another process never leaves the old session cleared
     // without the new identity stored.
-    return stores_->transaction([&] {
+    bool cleared = false;
+    const bool stored = stores_->transaction([&] {
         if (LegacyIdentityMigrator(*application_, identity).checkedAndMigratedIdentity()) {
             (void)identityStore.storeIdentityOnly(identity);
             return;
@@ -203,8 +209,13 @@ bool Velmora::setIdentity(const Identity& identity) const {
             providers_->push().unregisterForPush(*pushToken);
         }
         stores_->clearSession();
+        cleared = true;
         (void)identityStore.store(identity);
     });
+    if (stored && cleared) {
+        NetworkClient::defaultClient().removeCachedResponses();
+    }
+    return stored;
 }
 
 bool Velmora::setIdentity(const VMKObjCIdentity& identity) const {

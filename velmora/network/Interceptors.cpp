@@ -1,5 +1,6 @@
 #include "velmora/network/AccountInterceptors.h"
 
+#include "velmora/network/NetworkClient.h"
 #include "velmora/platform/Uuid.h"
 
 namespace velmora {
@@ -30,6 +31,7 @@ void InvalidResponseInterceptor::intercept(const std::optional<Data>&,
             sessionStore_.clear();
             identityStore_.clear();
         });
+        NetworkClient::defaultClient().removeCachedResponses();
     }
 }
 

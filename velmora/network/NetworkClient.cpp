@@ -97,9 +97,19 @@ void SessionDelegate::willCacheResponse(
     const auto response = task.response();
     const auto delegate = handlers();
     const auto handler = response && delegate ? delegate->taskHandler(task.taskIdentifier()) : nullptr;
-    const auto transformer =
-        handler && handler->cachingDelegate ? handler->cachingDelegate->transformer(*response) : nullptr;
-    completion(transformer ? transformer->transform(proposed) : std::nullopt);
+    // A kit's code runs on the session's thread: what it throws must not end the host, and is not cached.
+    std::optional<platform::CachedURLResponse> kept;
+    try {
+        const auto transformer =
+            handler && handler->cachingDelegate ? handler->cachingDelegate->transformer(*response) : nullptr;
+        kept = transformer ? transformer->transform(proposed) : std::nullopt;
+    } catch (const std::exception& thrown) {
+        CoreLogger::error(std::string("The caching delegate failed; the answer is not cached: ") +
+                          thrown.what());
+    } catch (...) {
+        CoreLogger::error("The caching delegate failed; the answer is not cached.");
+    }
+    completion(std::move(kept));
 }
 
 void SessionDelegate::didComplete(platform::URLSession&, platform::URLSessionDataTask& task,
@@ -115,11 +125,17 @@ void SessionDelegate::didComplete(platform::URLSession&, platform::URLSessionDat
     });
 }
 
+void NetworkClient::removeCachedResponses() const {
+    if (const auto& cache = session_->configuration().urlCache) {
+        cache->removeAllCachedResponses();
+    }
+}
+
 NetworkClient& NetworkClient::defaultClient() {
     static NetworkClient* client = [] {
         platform::URLSessionConfiguration configuration =
             platform::URLSessionConfiguration::defaultConfiguration();
-        const auto& caches = platform::Environment::current()->cachesDirectory;
+        const auto caches = platform::Environment::current()->cachesDirectory;  // a copy: it may be replaced
         configuration.urlCache = std::make_shared<platform::URLCache>(
             4'194'304, 20'971'520, caches ? std::optional(*caches / "com.velmora.core") : std::nullopt);
         configuration.httpAdditionalHeaders =

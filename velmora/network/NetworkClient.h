@@ -94,6 +94,8 @@ class NetworkClient {
                                                   const Interceptors& interceptors);
 
     const std::shared_ptr<platform::URLSession>& session() const { return session_; }
+    // Forgets every cached answer: what one user or account was answered is never shown to the next.
+    void removeCachedResponses() const;
     URLSessionTaskHandlerManager& taskHandlerManager() const { return *taskHandlerManager_; }
 
   private:

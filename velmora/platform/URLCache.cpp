@@ -5,6 +5,8 @@
 
 #include <cctype>
 #include <chrono>
+#include <cstdio>
+#include <functional>
 #include <limits>
 #include <map>
 #include <set>
@@ -264,9 +266,24 @@ bool URLCache::openDisk(bool create) {
         " status INTEGER NOT NULL, headers TEXT NOT NULL, data BLOB NOT NULL, size INTEGER NOT NULL,"
         " used INTEGER NOT NULL, stored_at INTEGER NOT NULL, varying TEXT NOT NULL, user_info TEXT NOT NULL)";
     FileManager::makePrivateFile(file);
-    if (sqlite3_open_v2(file.c_str(), &disk_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
-            SQLITE_OK ||
-        sqlite3_exec(disk_, schema, nullptr, nullptr, nullptr) != SQLITE_OK) {
+    const auto open = [&] {
+        if (sqlite3_open_v2(file.c_str(), &disk_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
+            SQLITE_OK) {
+            return sqlite3_errcode(disk_);
+        }
+        sqlite3_busy_timeout(disk_, 1000);  // another process of the host setting the same cache up
+        return sqlite3_exec(disk_, schema, nullptr, nullptr, nullptr) == SQLITE_OK ? SQLITE_OK
+                                                                                   : sqlite3_errcode(disk_);
+    };
+    if (const int code = open(); code != SQLITE_OK) {
+        if (code != SQLITE_CORRUPT && code != SQLITE_NOTADB) {
+            // Busy, or a file that cannot be written: do without the disk, never delete what another
+            // process is using.
+            systemLogLine(LogLevel::error, "URLCache: no disk cache: " + std::string(sqlite3_errstr(code)));
+            sqlite3_close_v2(disk_);
+            disk_ = nullptr;
+            return false;
+        }
         // A damaged cache is only a cache: start it again rather than do without.
         systemLogLine(LogLevel::error, "URLCache: starting an empty disk cache: " +
                                            std::string(disk_ ? sqlite3_errmsg(disk_) : "cannot open"));
@@ -277,9 +294,7 @@ bool URLCache::openDisk(bool create) {
             std::filesystem::remove(file.string() + suffix, ignored);
         }
         FileManager::makePrivateFile(file);
-        if (sqlite3_open_v2(file.c_str(), &disk_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
-                SQLITE_OK ||
-            sqlite3_exec(disk_, schema, nullptr, nullptr, nullptr) != SQLITE_OK) {
+        if (open() != SQLITE_OK) {
             sqlite3_close_v2(disk_);
             disk_ = nullptr;
             return false;
@@ -295,15 +310,35 @@ bool URLCache::openDisk(bool create) {
     return true;
 }
 
+namespace {
+
+// The values a request carries for a name the answer varies with. Credentials count as always varied with,
+// so one user's answers never stand for another's; they are kept as digests, never as the token itself.
+std::optional<std::string> variedValue(const URLRequest& request, std::string_view name) {
+    auto value = request.value(name);
+    if (value && (lowered(name) == "authorization" || lowered(name) == "client-identifier")) {
+        char digest[17];
+        std::snprintf(digest, sizeof digest, "%016zx", std::hash<std::string>{}(*value));
+        return "digest:" + std::string(digest);
+    }
+    return value;
+}
+
+constexpr std::string_view credentialNames[] = {"authorization", "client-identifier"};
+
+}  // namespace
+
 void URLCache::storeCachedResponse(const CachedURLResponse& response, const URLRequest& request) {
     const auto key = keyFor(request);
     if (!key || !response.response || response.storagePolicy == URLCacheStoragePolicy::notAllowed) {
         return;
     }
     nlohmann::json varying = nlohmann::json::object();
-    for (const auto& name : varyNames(*response.response)) {
-        const auto value = request.value(name);
-        varying[name] = value ? nlohmann::json(*value) : nlohmann::json(nullptr);
+    auto names = varyNames(*response.response);
+    names.insert(names.end(), std::begin(credentialNames), std::end(credentialNames));
+    for (const auto& name : names) {
+        const auto value = variedValue(request, name);
+        varying[lowered(name)] = value ? nlohmann::json(*value) : nlohmann::json(nullptr);
     }
     Entry entry{*key, response, sizeOf(response), secondsNow(), std::move(varying)};
     std::lock_guard lock(mutex_);
@@ -429,7 +464,7 @@ std::optional<URLCache::Match> URLCache::match(const URLRequest& request) {
     }
     // An answer that varied with some request headers stands only for requests with the same values.
     for (const auto& [name, value] : entry->varying.items()) {
-        const auto sent = request.value(name);
+        const auto sent = variedValue(request, name);
         if (value.is_string() ? sent != value.get<std::string>() : sent.has_value()) {
             return std::nullopt;
         }

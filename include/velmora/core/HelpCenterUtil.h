@@ -19,8 +19,12 @@ class VELMORA_EXPORT HelpCenterUtil {
     static std::optional<std::string> velmoraURL();
     // Whether the library is initialised and holds an access token that is not empty.
     static bool hasAuth();
-    // While a token is held (an empty one too), a copy of the request with "Authorization" set to
-    // "Bearer " and the token; otherwise the request as it is, and a verbose log line saying so.
+    // Whether the URL is a page of the account: its text begins with the account URL (case-sensitive) and it
+    // has the account URL's origin and no user info.
+    static bool isAccountPage(const platform::URL& url);
+    // For a page of the account while a token is held (an empty one too), a copy of the request with
+    // "Authorization" set to "Bearer " and the token; otherwise the request as it is, and a verbose log line
+    // saying so. The token never goes to another origin, whatever page a web view asks for.
     static platform::URLRequest canonicalRequest(const platform::URLRequest& request);
 };
 
