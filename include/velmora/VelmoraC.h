@@ -14,13 +14,18 @@
  * takes it with its context, `(callback, context)`, just before `outError`. A callback runs on the library's
  * main queue (a thread of the library), once per call that returned true, and never inside the call that
  * asked for it. It may call back into the library, except VMKVelmoraWaitForPendingRequests, which refuses on
- * the main queue. A NULL callback discards the result. Callbacks still owed when the process exits are
- * dropped; VMKVelmoraWaitForPendingRequests waits for them.
+ * the main queue. It must never wait for another callback (a future's result, a semaphore): every callback
+ * and every login answer arrives on that same queue, so the whole library would wait with it. A NULL
+ * callback discards the result. Callbacks still owed when the process exits are dropped;
+ * VMKVelmoraWaitForPendingRequests waits for them. Lines the log callback logs itself go to standard error.
  *
  * Errors. A function that can fail returns false (or NULL) and, when `outError` is not NULL, stores a new
  * VMKError there for the caller to release; on success it stores NULL. Functions without `outError` refuse
- * bad arguments with a line in the library's log and return NULL, 0 or false. A NULL or invalid argument is
- * never a crash, and no exception crosses this interface.
+ * bad arguments with a line in the library's log and return NULL, 0 or false. A NULL argument, a handle of
+ * another type and an out-of-range value are never a crash, and no exception crosses this interface. A
+ * handle already released, or released by the host while it was only lent to a callback, is the host's bug.
+ * Handles of an instance that a later initialize replaced are refused (VMKErrorCodeRefused): read the
+ * instance again.
  *
  * Strings are UTF-8 and NUL-terminated; text that is not UTF-8 is refused. Times are seconds since
  * 1970-01-01T00:00:00Z. Records also have a JSON text form (...CopyJSON), the account's own.
@@ -366,6 +371,40 @@ VELMORA_EXPORT bool VMKBlipsProviderSendPageView(const VMKBlipsProvider* provide
                                                  const char* channel, const char* url, const char* pageTitle,
                                                  const char* navigatorLanguage, const char* valueJSON,
                                                  VMKBlipsGroup group, VMKError** outError);
+
+/* ---- Help-centre pages ----------------------------------------------------------------------------------
+ */
+
+/* A page loaded by VMKHelpCenterUtilLoadURL: the status and body of any HTTP answer (a 404 too, with a NULL
+ * error), or an error (a URL error for a transport failure) with the status and body of what had arrived,
+ * if anything (status 0 without a response). `body` may be NULL when `length` is 0. */
+typedef void (*VMKHelpCenterPageCallback)(int status, const uint8_t* body, size_t length,
+                                          const VMKError* error, void* context);
+
+/* While registered, the library's URL loading (VMKHelpCenterUtilLoadURL) sends every request under the
+ * account URL that has no "Authorization" of its own once, with "Authorization: Bearer <token>", as long as
+ * the user has a token. The library never registers it itself; registering twice keeps one registration. */
+VELMORA_EXPORT void VMKHelpCenterUtilRegisterAuthenticationProtocol(void);
+VELMORA_EXPORT void VMKHelpCenterUtilUnregisterAuthenticationProtocol(void);
+/* The account URL; NULL before VMKVelmoraInitialize. */
+VELMORA_EXPORT char* VMKHelpCenterUtilCopyVelmoraURL(void);
+/* Whether the library is initialised and holds an access token that is not empty. */
+VELMORA_EXPORT bool VMKHelpCenterUtilHasAuth(void);
+
+/* For a web view with a request hook of its own: whether the registered protocol would claim a GET of the
+ * URL with these header fields (a JSON object of texts; NULL: none), i.e. the URL starts with the account URL
+ * (letter case counts), it has no "Authorization" and the user has a token. Ask this first, then add what
+ * VMKHelpCenterUtilCopyCanonicalRequestHeadersJSON gives. */
+VELMORA_EXPORT bool VMKHelpCenterUtilCanAuthenticateRequest(const char* url, const char* headersJSON);
+/* The header fields of the canonical request (a JSON object): the given ones (NULL: none) and, while a token
+ * is held, "Authorization": "Bearer <token>" whatever the URL; without a token the given ones unchanged. */
+VELMORA_EXPORT char* VMKHelpCenterUtilCopyCanonicalRequestHeadersJSON(const char* url,
+                                                                      const char* headersJSON,
+                                                                      VMKError** outError);
+/* Loads the URL as a web view would: through the registered protocol when it claims the request, otherwise
+ * straight from the network (no cookies, no response cache, none of the library's own headers). */
+VELMORA_EXPORT bool VMKHelpCenterUtilLoadURL(const char* url, VMKHelpCenterPageCallback callback,
+                                             void* context, VMKError** outError);
 
 /* ---- Diagnostics ----------------------------------------------------------------------------------------
  */

@@ -179,6 +179,12 @@ TEST_F(CapiArgumentsTest, EveryFunctionRefusesWithItsFailureValueAndAnErrorOrALo
                    noGroup, e),
         WITH_ERROR(VMKBlipsProviderSendPageView, invalid, blips, "1", "c", "u", notUtf8, "en", nullptr,
                    VMKBlipsGroupRequired, e),
+        LOGGED(VMKHelpCenterUtilCanAuthenticateRequest, nullptr, nullptr),
+        LOGGED(VMKHelpCenterUtilCanAuthenticateRequest, "http://127.0.0.1:9/hc", R"({"Authorization": 1})"),
+        WITH_ERROR(VMKHelpCenterUtilCopyCanonicalRequestHeadersJSON, invalid, "no URL", nullptr, e),
+        WITH_ERROR(VMKHelpCenterUtilCopyCanonicalRequestHeadersJSON, invalid, "http://127.0.0.1:9/", "[]", e),
+        WITH_ERROR(VMKHelpCenterUtilLoadURL, null, nullptr, nullptr, nullptr, e),
+        WITH_ERROR(VMKHelpCenterUtilLoadURL, invalid, notUtf8, nullptr, nullptr, e),
     };
     // clang-format on
 

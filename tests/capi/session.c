@@ -1,6 +1,5 @@
-/* A C host's whole session against the local account server, through the C interface only: initialise,
- * identity, the user's record, tags and fields, push registration and unregistration, settings, an event,
- * and the errors a host meets (no identity yet, a 500, refused arguments). Compiled as C11.
+/* A C host's whole session against the local account server, through the C interface only (C11): identity,
+ * the user's record, a help-centre page, push, settings, an event, and the errors a host meets.
  *
  *   session ACCOUNT_URL   (the server answers the first push registration with a 500, see session.json)
  */
@@ -35,7 +34,17 @@ static bool isError(VMKError* error, const char* domain, int64_t code) {
     return matches;
 }
 
-/* What the callbacks hand over, kept with Copy; every callback has run once the requests are drained. */
+static VMKError* taken(VMKError** error) {
+    VMKError* kept = *error;
+    *error = NULL;
+    return kept;
+}
+
+static void settle(void) {
+    CHECK(VMKVelmoraWaitForPendingRequests(20000));
+}
+
+/* What the last asynchronous call's callbacks handed over, kept with Copy. */
 typedef struct Answer {
     int calls;
     VMKError* error;
@@ -45,61 +54,68 @@ typedef struct Answer {
     char identifier[64];
     VMKCoreSettings* core;
     VMKBlipsSettings* blips;
+    int status;
+    char page[512];
 } Answer;
 
-static void forget(Answer* answer) {
-    VMKErrorRelease(answer->error);
-    VMKUserRelease(answer->user);
-    for (size_t i = 0; i < answer->fieldCount; ++i) {
-        VMKUserFieldRelease(answer->fields[i]);
+static Answer answer;
+
+static void forget(void) {
+    VMKErrorRelease(answer.error);
+    VMKUserRelease(answer.user);
+    for (size_t i = 0; i < answer.fieldCount; ++i) {
+        VMKUserFieldRelease(answer.fields[i]);
     }
-    VMKCoreSettingsRelease(answer->core);
-    VMKBlipsSettingsRelease(answer->blips);
-    memset(answer, 0, sizeof *answer);
+    VMKCoreSettingsRelease(answer.core);
+    VMKBlipsSettingsRelease(answer.blips);
+    memset(&answer, 0, sizeof answer);
 }
 
-static void settle(void) {
-    CHECK(VMKVelmoraWaitForPendingRequests(20000));
+/* Forgets the last answer, starts the call and waits until every callback has run. */
+#define AWAIT(call) (forget(), CHECK(call), settle())
+
+static Answer* took(void* context, const VMKError* error) {
+    Answer* kept = context;
+    ++kept->calls;
+    kept->error = error != NULL ? VMKErrorCopy(error) : NULL;
+    return kept;
 }
 
 static void onUser(const VMKUser* user, const VMKError* error, void* context) {
-    Answer* answer = context;
-    ++answer->calls;
-    answer->user = user != NULL ? VMKUserCopy(user) : NULL;
-    answer->error = error != NULL ? VMKErrorCopy(error) : NULL;
+    took(context, error)->user = user != NULL ? VMKUserCopy(user) : NULL;
 }
 
 static void onFields(const VMKUserField* const* fields, size_t count, const VMKError* error, void* context) {
-    Answer* answer = context;
-    ++answer->calls;
+    Answer* kept = took(context, error);
     for (size_t i = 0; i < count && i < 4; ++i) {
-        answer->fields[answer->fieldCount++] = VMKUserFieldCopy(fields[i]);
+        kept->fields[kept->fieldCount++] = VMKUserFieldCopy(fields[i]);
     }
-    answer->error = error != NULL ? VMKErrorCopy(error) : NULL;
 }
 
 static void onPush(const char* identifier, const VMKError* error, void* context) {
-    Answer* answer = context;
-    ++answer->calls;
-    snprintf(answer->identifier, sizeof answer->identifier, "%s", identifier != NULL ? identifier : "");
-    answer->error = error != NULL ? VMKErrorCopy(error) : NULL;
+    Answer* kept = took(context, error);
+    snprintf(kept->identifier, sizeof kept->identifier, "%s", identifier != NULL ? identifier : "");
 }
 
 static void onCore(const VMKCoreSettings* settings, void* context) {
-    Answer* answer = context;
-    ++answer->calls;
-    answer->core = VMKCoreSettingsCopy(settings);
+    took(context, NULL)->core = VMKCoreSettingsCopy(settings);
 }
 
 static void onBlips(const VMKBlipsSettings* settings, void* context) {
-    Answer* answer = context;
-    ++answer->calls;
-    answer->blips = VMKBlipsSettingsCopy(settings);
+    took(context, NULL)->blips = VMKBlipsSettingsCopy(settings);
+}
+
+static void onPage(int status, const uint8_t* body, size_t length, const VMKError* error, void* context) {
+    Answer* kept = took(context, error);
+    kept->status = status;
+    const size_t size = length < sizeof kept->page ? length : sizeof kept->page - 1;
+    if (size > 0) {
+        memcpy(kept->page, body, size);
+    }
 }
 
 /* Counts the log lines that tell of fire-and-forget outcomes. */
 typedef struct LogLines {
-    int count;
     int unregistered;
     int blipped;
     VMKLogLevel unregisteredLevel;
@@ -107,123 +123,11 @@ typedef struct LogLines {
 
 static void onLog(VMKLogLevel level, const char* message, void* context) {
     LogLines* lines = context;
-    ++lines->count;
     if (strstr(message, "Push unregistration successful") != NULL) {
         ++lines->unregistered;
         lines->unregisteredLevel = level;
     }
     lines->blipped += strstr(message, "Blip was blipped successfully") != NULL;
-}
-
-static void identityAndUser(const VMKVelmora* velmora, const VMKUserProvider* users) {
-    Answer answer = {0};
-    VMKError* error = NULL;
-
-    /* Nobody is signed in yet: the first request that needs a login fails. */
-    CHECK(VMKUserProviderGetUser(users, onUser, &answer, &error));
-    settle();
-    CHECK(answer.calls == 1 && answer.user == NULL);
-    CHECK(isError(answer.error, VMKErrorDomainAccess, VMKErrorCodeNoIdentity));
-    answer.error = NULL;
-    forget(&answer);
-
-    VMKObjCAnonymous* ann = VMKObjCAnonymousCreate("Ann", "ann@example.com", &error);
-    CHECK(VMKVelmoraSetAnonymousIdentity(velmora, ann, &error));
-    VMKObjCAnonymousRelease(ann);
-    VMKObjCJwt* jwt = NULL;
-    VMKObjCAnonymous* stored = NULL;
-    CHECK(VMKVelmoraCopyObjCIdentity(velmora, &jwt, &stored, &error));
-    CHECK(jwt == NULL && same(VMKObjCAnonymousGetName(stored), "Ann") &&
-          same(VMKObjCAnonymousGetEmail(stored), "ann@example.com"));
-    VMKObjCAnonymousRelease(stored);
-
-    CHECK(VMKUserProviderGetUser(users, onUser, &answer, &error));
-    settle();
-    CHECK(answer.calls == 1 && answer.error == NULL && same(VMKUserGetName(answer.user), "Ann"));
-    forget(&answer);
-
-    const char* tags[] = {"vip", "early adopter"};
-    CHECK(VMKUserProviderAddTags(users, tags, 2, onUser, &answer, &error));
-    settle();
-    CHECK(VMKUserGetTagCount(answer.user) == 2 && same(VMKUserGetTag(answer.user, 1), "early adopter"));
-    forget(&answer);
-    CHECK(VMKUserProviderDeleteTags(users, tags, 1, onUser, &answer, &error));
-    settle();
-    CHECK(VMKUserGetTagCount(answer.user) == 1 && same(VMKUserGetTag(answer.user, 0), "early adopter"));
-    forget(&answer);
-
-    CHECK(
-        VMKUserProviderSetUserFields(users, "{\"plan\": \"gold\", \"seats\": 12}", onUser, &answer, &error));
-    settle();
-    CHECK(same(VMKUserGetUserFieldValue(answer.user, "plan"), "gold") &&
-          same(VMKUserGetUserFieldValue(answer.user, "seats"), "12") &&
-          VMKUserGetUserFieldValue(answer.user, "colour") == NULL);
-    char* json = VMKUserCopyJSON(answer.user);
-    CHECK(json != NULL && strstr(json, "\"tags\":[\"early adopter\"]") != NULL);
-    VMKStringRelease(json);
-    forget(&answer);
-
-    CHECK(VMKUserProviderGetUserFields(users, onFields, &answer, &error));
-    settle();
-    CHECK(answer.fieldCount == 2 && answer.error == NULL);
-    const VMKUserField* plan = answer.fields[0];
-    CHECK(same(VMKUserFieldGetKey(plan), "plan") && same(VMKUserFieldGetType(plan), "dropdown") &&
-          VMKUserFieldIsActive(plan) && VMKUserFieldGetCreatedAt(plan) == 1767607200.0);
-    CHECK(VMKUserFieldHasOptions(plan) && VMKUserFieldGetOptionCount(plan) == 2 &&
-          same(VMKUserFieldOptionGetValue(VMKUserFieldGetOption(plan, 1)), "silver"));
-    CHECK(!VMKUserFieldHasOptions(answer.fields[1]) && VMKUserFieldGetPosition(answer.fields[1]) == 1);
-    forget(&answer);
-}
-
-static void push(const VMKPushProvider* provider, const LogLines* lines) {
-    Answer answer = {0};
-    VMKError* error = NULL;
-
-    /* The server answers the first registration with a 500: the status is in the user info. */
-    CHECK(
-        VMKPushProviderRegisterWithDeviceIdentifier(provider, "device-1", "en-GB", onPush, &answer, &error));
-    settle();
-    char* userInfo = VMKErrorCopyUserInfoJSON(answer.error);
-    CHECK(userInfo != NULL && strstr(userInfo, "\"" VMKErrorUserInfoHTTPStatusCodeKey "\":500") != NULL);
-    VMKStringRelease(userInfo);
-    CHECK(isError(answer.error, VMKErrorDomainCore, VMKErrorCodePushRegistrationFailed));
-    answer.error = NULL;
-    forget(&answer);
-
-    CHECK(
-        VMKPushProviderRegisterWithDeviceIdentifier(provider, "device-1", "en-GB", onPush, &answer, &error));
-    settle();
-    CHECK(answer.calls == 1 && answer.error == NULL && same(answer.identifier, "device-1"));
-    forget(&answer);
-
-    CHECK(VMKPushProviderUnregisterForPush(provider, &error));
-    settle();
-    CHECK(lines->unregistered == 1 && lines->unregisteredLevel == VMKLogLevelDebug);
-}
-
-static void settingsAndEvents(const VMKSettingsProvider* settings, const VMKBlipsProvider* blips,
-                              const LogLines* lines) {
-    Answer answer = {0};
-    VMKError* error = NULL;
-
-    CHECK(VMKSettingsProviderGetCoreSettings(settings, onCore, &answer, &error));
-    CHECK(VMKSettingsProviderGetBlipsSettings(settings, onBlips, &answer, &error));
-    settle();
-    CHECK(answer.calls == 2 && VMKCoreSettingsGetBrandId(answer.core) == 1 &&
-          same(VMKCoreSettingsGetIdentifier(answer.core), "velmora-mock") &&
-          same(VMKCoreSettingsGetAuthentication(answer.core), "anonymous"));
-    CHECK(VMKBlipsSettingsGetRequired(answer.blips) && VMKBlipsSettingsGetBehavioural(answer.blips) &&
-          !VMKBlipsSettingsGetTrailmark(answer.blips));
-    forget(&answer);
-
-    const int blipped = lines->blipped;
-    CHECK(VMKBlipsProviderSendUserAction(blips, "1.0", "tapped", "capi", "Session", NULL, "{\"screen\": 2}",
-                                         VMKBlipsGroupBehavioural, &error));
-    settle();
-    CHECK(lines->blipped == blipped + 1);
-    CHECK(!VMKBlipsProviderSendUserAction(blips, "1.0", "tapped", "capi", "Session", NULL,
-                                          "{\"screen\":", VMKBlipsGroupRequired, &error));
-    CHECK(isError(error, VMKErrorDomainInterface, VMKErrorCodeInvalidArgument));
 }
 
 int main(int argc, char** argv) {
@@ -239,42 +143,123 @@ int main(int argc, char** argv) {
     CHECK(VMKCoreLoggerSetLogLevel(VMKLogLevelDebug, &error));
     CHECK(VMKEnvironmentInstall("velmora-capi-session", NULL, NULL, &error));
 
-    /* Before a successful initialisation there is no instance; a URL with a query installs nothing. */
-    CHECK(!VMKVelmoraInitialize("capi-app", "capi-client", "http://127.0.0.1:1/?q=1", &error));
-    CHECK(isError(error, VMKErrorDomainInterface, VMKErrorCodeRefused));
+    /* Before initialisation there is no instance. */
     CHECK(VMKVelmoraCopyInstance(&error) == NULL);
     CHECK(isError(error, VMKErrorDomainInterface, VMKErrorCodeNotInitialised));
-
     CHECK(VMKVelmoraInitialize("capi-app", "capi-client", url, &error));
     VMKVelmora* velmora = VMKVelmoraCopyInstance(&error);
     CHECK(same(VMKVelmoraGetApplicationId(velmora), "capi-app") &&
           same(VMKVelmoraGetAccountURL(velmora), url));
     VMKUserProvider* users = VMKUserProviderCreate(velmora, &error);
-    VMKPushProvider* pushProvider = VMKPushProviderCreate(velmora, &error);
+    VMKPushProvider* pushes = VMKPushProviderCreate(velmora, &error);
     VMKSettingsProvider* settings = VMKSettingsProviderCreate(velmora, &error);
     VMKBlipsProvider* blips = VMKBlipsProviderCreate(velmora, &error);
 
-    identityAndUser(velmora, users);
-    push(pushProvider, &lines);
-    settingsAndEvents(settings, blips, &lines);
+    /* Nobody is signed in yet: the first request that needs a login fails. */
+    AWAIT(VMKUserProviderGetUser(users, onUser, &answer, &error));
+    CHECK(answer.calls == 1 && answer.user == NULL);
+    CHECK(isError(taken(&answer.error), VMKErrorDomainAccess, VMKErrorCodeNoIdentity));
+
+    VMKObjCAnonymous* ann = VMKObjCAnonymousCreate("Ann", "ann@example.com", &error);
+    CHECK(VMKVelmoraSetAnonymousIdentity(velmora, ann, &error));
+    VMKObjCAnonymousRelease(ann);
+    VMKObjCJwt* jwt = NULL;
+    VMKObjCAnonymous* anonymous = NULL;
+    CHECK(VMKVelmoraCopyObjCIdentity(velmora, &jwt, &anonymous, &error));
+    CHECK(jwt == NULL && same(VMKObjCAnonymousGetName(anonymous), "Ann") &&
+          same(VMKObjCAnonymousGetEmail(anonymous), "ann@example.com"));
+    VMKObjCAnonymousRelease(anonymous);
+
+    /* The user's record: tags, fields and the fields' definitions. */
+    const char* tags[] = {"vip", "early adopter"};
+    AWAIT(VMKUserProviderAddTags(users, tags, 2, onUser, &answer, &error));
+    CHECK(answer.calls == 1 && answer.error == NULL && same(VMKUserGetName(answer.user), "Ann"));
+    CHECK(VMKUserGetTagCount(answer.user) == 2 && same(VMKUserGetTag(answer.user, 1), "early adopter"));
+    AWAIT(VMKUserProviderDeleteTags(users, tags, 1, onUser, &answer, &error));
+    CHECK(VMKUserGetTagCount(answer.user) == 1 && same(VMKUserGetTag(answer.user, 0), "early adopter"));
+    AWAIT(
+        VMKUserProviderSetUserFields(users, "{\"plan\": \"gold\", \"seats\": 12}", onUser, &answer, &error));
+    CHECK(same(VMKUserGetUserFieldValue(answer.user, "plan"), "gold") &&
+          same(VMKUserGetUserFieldValue(answer.user, "seats"), "12") &&
+          VMKUserGetUserFieldValue(answer.user, "colour") == NULL);
+    char* json = VMKUserCopyJSON(answer.user);
+    CHECK(json != NULL && strstr(json, "\"tags\":[\"early adopter\"]") != NULL);
+    VMKStringRelease(json);
+    AWAIT(VMKUserProviderGetUserFields(users, onFields, &answer, &error));
+    const VMKUserField* plan = answer.fields[0];
+    CHECK(answer.fieldCount == 2 && answer.error == NULL && same(VMKUserFieldGetKey(plan), "plan") &&
+          same(VMKUserFieldGetType(plan), "dropdown") && VMKUserFieldIsActive(plan) &&
+          VMKUserFieldGetCreatedAt(plan) == 1767607200.0);
+    CHECK(VMKUserFieldHasOptions(plan) && VMKUserFieldGetOptionCount(plan) == 2 &&
+          same(VMKUserFieldOptionGetValue(VMKUserFieldGetOption(plan, 1)), "silver"));
+    CHECK(!VMKUserFieldHasOptions(answer.fields[1]) && VMKUserFieldGetPosition(answer.fields[1]) == 1);
+
+    /* A help-centre article answers 401 without the user's token, which only the registered protocol adds. */
+    char article[256];
+    snprintf(article, sizeof article, "%s/hc/articles/1", url);
+    AWAIT(VMKHelpCenterUtilLoadURL(article, onPage, &answer, &error));
+    CHECK(answer.calls == 1 && answer.error == NULL && answer.status == 401);
+    VMKHelpCenterUtilRegisterAuthenticationProtocol();
+    CHECK(VMKHelpCenterUtilCanAuthenticateRequest(article, NULL) &&
+          !VMKHelpCenterUtilCanAuthenticateRequest(article, "{\"authorization\": \"Basic eDp5\"}"));
+    char* headers =
+        VMKHelpCenterUtilCopyCanonicalRequestHeadersJSON(article, "{\"Accept\": \"text/html\"}", &error);
+    CHECK(headers != NULL && strstr(headers, "\"Accept\":\"text/html\"") != NULL &&
+          strstr(headers, "\"Authorization\":\"Bearer ") != NULL);
+    VMKStringRelease(headers);
+    AWAIT(VMKHelpCenterUtilLoadURL(article, onPage, &answer, &error));
+    CHECK(answer.status == 200 && strstr(answer.page, "<h1>Getting started</h1>") != NULL);
+    VMKHelpCenterUtilUnregisterAuthenticationProtocol();
+    /* Nothing listens on port 1: no status, and the URL error. */
+    AWAIT(VMKHelpCenterUtilLoadURL("http://127.0.0.1:1/hc", onPage, &answer, &error));
+    CHECK(answer.status == 0 &&
+          isError(taken(&answer.error), VMKErrorDomainURL, VMKErrorCodeURLCannotConnectToHost));
+
+    /* Push: the first registration is answered with a 500, whose status is in the user info. */
+    AWAIT(VMKPushProviderRegisterWithDeviceIdentifier(pushes, "device-1", "en-GB", onPush, &answer, &error));
+    char* userInfo = VMKErrorCopyUserInfoJSON(answer.error);
+    CHECK(userInfo != NULL && strstr(userInfo, "\"" VMKErrorUserInfoHTTPStatusCodeKey "\":500") != NULL);
+    VMKStringRelease(userInfo);
+    CHECK(isError(taken(&answer.error), VMKErrorDomainCore, VMKErrorCodePushRegistrationFailed));
+    AWAIT(VMKPushProviderRegisterWithDeviceIdentifier(pushes, "device-1", "en-GB", onPush, &answer, &error));
+    CHECK(answer.calls == 1 && answer.error == NULL && same(answer.identifier, "device-1"));
+    CHECK(VMKPushProviderUnregisterForPush(pushes, &error));
+    settle();
+    CHECK(lines.unregistered == 1 && lines.unregisteredLevel == VMKLogLevelDebug);
+
+    /* Settings, and an event sent. */
+    AWAIT(VMKSettingsProviderGetCoreSettings(settings, onCore, &answer, &error) &&
+          VMKSettingsProviderGetBlipsSettings(settings, onBlips, &answer, &error));
+    CHECK(answer.calls == 2 && VMKCoreSettingsGetBrandId(answer.core) == 1 &&
+          same(VMKCoreSettingsGetIdentifier(answer.core), "velmora-mock") &&
+          same(VMKCoreSettingsGetAuthentication(answer.core), "anonymous"));
+    CHECK(VMKBlipsSettingsGetRequired(answer.blips) && VMKBlipsSettingsGetBehavioural(answer.blips) &&
+          !VMKBlipsSettingsGetTrailmark(answer.blips));
+    const int blipped = lines.blipped;
+    CHECK(VMKBlipsProviderSendUserAction(blips, "1.0", "tapped", "capi", "Session", NULL, "{\"screen\": 2}",
+                                         VMKBlipsGroupBehavioural, &error));
+    settle();
+    CHECK(lines.blipped == blipped + 1);
 
     /* A JWT user replaces the anonymous one. */
     VMKObjCJwt* token = VMKObjCJwtCreate("jwt-of-bob", &error);
     CHECK(VMKVelmoraSetJwtIdentity(velmora, token, &error));
     VMKObjCJwtRelease(token);
-    VMKObjCJwt* jwt = NULL;
-    VMKObjCAnonymous* anonymous = NULL;
+    jwt = NULL;
+    anonymous = NULL;
     CHECK(VMKVelmoraCopyObjCIdentity(velmora, &jwt, &anonymous, &error));
     CHECK(anonymous == NULL && same(VMKObjCJwtGetToken(jwt), "jwt-of-bob"));
     VMKObjCJwtRelease(jwt);
 
+    /* ---- Further steps of the session go here, before the cleanup below. ---- */
+
+    forget();
     VMKUserProviderRelease(users);
-    VMKPushProviderRelease(pushProvider);
+    VMKPushProviderRelease(pushes);
     VMKSettingsProviderRelease(settings);
     VMKBlipsProviderRelease(blips);
     VMKVelmoraRelease(velmora);
     settle();
-    CHECK(lines.count > 0);
     CHECK(VMKDebugLiveHandleCount() == 0);
     VMKCoreLoggerSetCallback(NULL, NULL);
     if (failures == 0) {

@@ -25,7 +25,7 @@ std::string wholeNumber(double value) {
 }
 
 std::optional<platform::FileSystemSpace> documentsFileSystem() {
-    const auto& documents = platform::Environment::current()->documentsDirectory;
+    const auto documents = platform::Environment::current()->documentsDirectory;
     if (!documents) {
         return std::nullopt;
     }

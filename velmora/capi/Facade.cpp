@@ -14,7 +14,7 @@ template <class Handle>
 bool setIdentity(const char* function, const VMKVelmora* velmora, const Handle* identity,
                  VMKError** outError) {
     return capi::entry(function, outError, false, [&] {
-        const auto& instance = capi::use(velmora).instance;
+        const auto& instance = capi::installed(capi::use(velmora).instance);
         if (!instance->setIdentity(capi::use(identity).object)) {
             throw capi::Refusal(VMKErrorCodeRefused, "the identity was not stored (the log says why)");
         }
@@ -87,12 +87,12 @@ bool VMKVelmoraSetAnonymousIdentity(const VMKVelmora* velmora, const VMKObjCAnon
 bool VMKVelmoraCopyObjCIdentity(const VMKVelmora* velmora, VMKObjCJwt** outJwt,
                                 VMKObjCAnonymous** outAnonymous, VMKError** outError) {
     return capi::entry(__func__, outError, false, [&] {
-        const auto& instance = capi::use(velmora).instance;
         if (outJwt == nullptr || outAnonymous == nullptr) {
             throw capi::Refusal(VMKErrorCodeNullArgument, "outJwt or outAnonymous is NULL");
         }
         *outJwt = nullptr;
         *outAnonymous = nullptr;
+        const auto& instance = capi::use(velmora).instance;
         const auto identity = instance->identity();
         if (identity && identity->jwt() != nullptr) {
             *outJwt = new VMKObjCJwt(velmora::VMKObjCJwt(*identity->jwt()));
@@ -116,7 +116,12 @@ bool VMKVelmoraWaitForPendingRequests(int64_t timeoutMilliseconds) {
             return drained();
         }
         using Clock = std::chrono::steady_clock;
-        const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMilliseconds);
+        // Saturated: "for ever" as INT64_MAX milliseconds would overflow the clock.
+        const auto now = Clock::now();
+        const auto longest =
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - now).count() - 1;
+        const auto deadline =
+            now + std::chrono::milliseconds(std::min<std::int64_t>(timeoutMilliseconds, longest));
         // A callback may make requests, and a request's completion may post a callback: wait until both
         // are drained at once.
         for (;;) {

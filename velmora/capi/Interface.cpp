@@ -1,7 +1,10 @@
 // The C interface's glue, errors, environment and logger.
 #include "velmora/capi/Interface.h"
 
+#include <cxxabi.h>
+
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -97,9 +100,13 @@ struct DeliveryTicket {
     DeliveryTicket& operator=(const DeliveryTicket&) = delete;
 };
 
-void runSafely(const std::function<void()>& call) noexcept {
+// Not noexcept: a host runtime that ends its thread inside a callback (an interpreter shutting down calls
+// pthread_exit) unwinds through here, and swallowing that unwind would abort the process.
+void runSafely(const std::function<void()>& call) {
     try {
         call();
+    } catch (abi::__forced_unwind&) {
+        throw;
     } catch (const std::exception& e) {
         report("callback", nullptr, VMKErrorCodeInternal, e.what());
     } catch (...) {
@@ -121,7 +128,15 @@ LogForwarding& logForwarding() {
     return *instance;
 }
 
+// Set while the host's log callback runs: what it logs itself goes to standard error, not back to it, or a
+// callback that logs would feed itself for ever.
+thread_local bool inLogCallback = false;
+
 void forwardLine(platform::LogLevel level, std::string_view line) noexcept {
+    if (inLogCallback) {
+        std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+        return;
+    }
     try {
         post([level, message = std::string(line)] {
             auto& forwarding = logForwarding();
@@ -133,6 +148,10 @@ void forwardLine(platform::LogLevel level, std::string_view line) noexcept {
                 context = forwarding.context;
             }
             if (callback != nullptr) {
+                inLogCallback = true;
+                struct Reset {
+                    ~Reset() { inLogCallback = false; }
+                } reset;
                 callback(static_cast<VMKLogLevel>(level), message.c_str(), context);
             }
         });

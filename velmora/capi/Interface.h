@@ -165,6 +165,18 @@ void post(std::function<void()> call);
 bool waitForDeliveries(std::chrono::steady_clock::time_point deadline);
 std::size_t deliveriesPending();
 
+// The instance behind a handle, while it is still the installed one. An instance replaced by a later
+// initialize (another account URL) would read the new account's token from the shared store and send it to
+// its own URL, so its handles are refused.
+template <class Instance>
+const std::shared_ptr<Instance>& installed(const std::shared_ptr<Instance>& instance) {
+    if (Velmora::instance() != instance) {
+        throw Refusal(VMKErrorCodeRefused,
+                      "a later initialize replaced this instance: read the instance again");
+    }
+    return instance;
+}
+
 // A provider handle keeps the instance it was made from, as the object runtime's providers do.
 template <Kind K>
 struct ProviderHandle : Handle {

@@ -27,14 +27,14 @@ namespace {
 template <class Provider>
 Provider* createProvider(const char* function, const VMKVelmora* velmora, VMKError** outError) {
     return capi::entry<Provider*>(function, outError, nullptr,
-                                  [&] { return new Provider(capi::use(velmora).instance); });
+                                  [&] { return new Provider(capi::installed(capi::use(velmora).instance)); });
 }
 
 // One call on a provider: the arguments are checked by `body` before it hands anything to the library.
 template <class Provider, class F>
 bool call(const char* function, const Provider* provider, VMKError** outError, F&& body) {
     return capi::entry(function, outError, false, [&] {
-        body(capi::use(provider).instance->providerModule());
+        body(capi::installed(capi::use(provider).instance)->providerModule());
         return true;
     });
 }

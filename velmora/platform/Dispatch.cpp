@@ -1,5 +1,7 @@
 #include "velmora/platform/Dispatch.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
@@ -22,6 +24,8 @@ void runBlock(const std::function<void()>& block, const std::string& label) {
     // A host block that throws must not take a library thread, and with it every later block, down.
     try {
         block();
+    } catch (abi::__forced_unwind&) {
+        throw;  // a cancelled thread must unwind, or the runtime aborts
     } catch (const std::exception& e) {
         systemLogLine(LogLevel::error,
                       format("Uncaught exception in a block on queue %@: %@", label, e.what()));

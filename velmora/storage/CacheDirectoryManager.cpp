@@ -15,7 +15,7 @@ Error toError(CacheManagerError error) {
 }
 
 CoreCacheDirectoryManager::CoreCacheDirectoryManager() {
-    if (const auto& caches = platform::Environment::current()->cachesDirectory) {
+    if (const auto caches = platform::Environment::current()->cachesDirectory) {
         cacheDirectoryURL_ = *caches / velmoraCachePathComponent;
     }
 }

@@ -27,6 +27,9 @@ def test_a_whole_session(sdk, server):
     assert (sdk.identity.name, sdk.identity.email) == ("Ann", "ann@example.com")
 
     assert sdk.user.get_user().result(10).name == "Ann"
+    velmora.help_center.register_authentication_protocol()  # the token is held now: the article opens
+    page = velmora.help_center.load(server.url + "/hc/articles/1").result(10)
+    assert (page.status, b"<h1>Getting started</h1>" in page.body) == (200, True)
     assert sdk.user.add_tags(["vip", "early adopter"]).result(10).tags == ["vip", "early adopter"]
     assert sdk.user.delete_tags(["vip"]).result(10).tags == ["early adopter"]
     user = sdk.user.set_user_fields({"plan": "gold", "seats": 12}).result(10)

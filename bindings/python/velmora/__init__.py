@@ -27,6 +27,7 @@ from .records import (
     CoreSettings,
     Jwt,
     LogLevel,
+    Page,
     PageView,
     User,
     UserAction,
@@ -37,9 +38,9 @@ from .records import (
 __version__ = "2.0.0"
 
 __all__ = [
-    "Anonymous", "BlipsGroup", "BlipsPermissions", "BlipsSettings", "CoreSettings", "Jwt", "LogLevel",
+    "Anonymous", "BlipsGroup", "BlipsPermissions", "BlipsSettings", "CoreSettings", "Jwt", "LogLevel", "Page",
     "PageView", "User", "UserAction", "UserField", "UserFieldOption", "Velmora", "VelmoraError", "configure",
-    "debug_live_handle_count", "load", "logger", "wait_for_pending_requests",
+    "debug_live_handle_count", "help_center", "load", "logger", "wait_for_pending_requests",
 ]
 
 
@@ -94,6 +95,58 @@ class _Logger:
 logger = _Logger()
 
 
+def _headers(headers):
+    return None if headers is None else _native.encode(json.dumps(dict(headers)))
+
+
+class _HelpCenter:
+    """The account's help-centre pages, loaded with the end user's token."""
+
+    def register_authentication_protocol(self):
+        """From now on load() sends every page under the account URL that has no "Authorization" of its own
+        with "Authorization: Bearer <token>", while the user has a token."""
+        _native.lib().VMKHelpCenterUtilRegisterAuthenticationProtocol()
+
+    def unregister_authentication_protocol(self):
+        _native.lib().VMKHelpCenterUtilUnregisterAuthenticationProtocol()
+
+    @property
+    def velmora_url(self):
+        """The account URL, or None before Velmora.initialize."""
+        pointer = _native.lib().VMKHelpCenterUtilCopyVelmoraURL()
+        return _native.take_string(pointer) if pointer else None
+
+    @property
+    def has_auth(self):
+        return _native.lib().VMKHelpCenterUtilHasAuth()
+
+    def can_authenticate(self, url, headers=None):
+        """Whether the protocol would claim a GET of `url` with these headers: a web view's own request hook
+        asks this before it adds canonical_headers()."""
+        return _native.lib().VMKHelpCenterUtilCanAuthenticateRequest(_native.encode(url), _headers(headers))
+
+    def canonical_headers(self, url, headers=None):
+        """`headers` and, while the user has a token, "Authorization": "Bearer <token>"."""
+        function = _native.lib().VMKHelpCenterUtilCopyCanonicalRequestHeadersJSON
+        return json.loads(_native.take_string(_native.call(function, _native.encode(url), _headers(headers))))
+
+    def load(self, url, callback=None):
+        """The Page as a web view would load it (any HTTP answer); a VelmoraError for a transport failure."""
+
+        def convert(status, body, error):
+            if error:
+                raise _native.error_from(error)
+            return Page(status, body)
+
+        function = _native.lib().VMKHelpCenterUtilLoadURL
+        return _start(
+            lambda key: _native.call(function, _native.encode(url), _native.on_page, key), convert, callback
+        )
+
+
+help_center = _HelpCenter()
+
+
 class _Handle:
     """Owns one handle of the C interface and releases it with the object."""
 
@@ -133,8 +186,10 @@ def _start(start, convert, callback):
         if callback is not None:
             try:
                 callback(value, error)
-            except Exception:  # a callback's own failure must not lose the future's outcome
+            except BaseException:  # a callback's own failure must not lose the future's outcome
                 traceback.print_exc(file=sys.stderr)
+        if not future.set_running_or_notify_cancel():
+            return  # the host cancelled it
         if error is not None:
             future.set_exception(error)
         else:

@@ -5,6 +5,7 @@ variable VELMORA_CORE_LIBRARY, the library installed with this package (cmake --
 python), and the system's library path (ctypes.util.find_library).
 """
 
+import atexit
 import ctypes
 import ctypes.util
 import itertools
@@ -26,6 +27,7 @@ FIELDS_CALLBACK = ctypes.CFUNCTYPE(None, ctypes.POINTER(_handle), _c_size_t, _ha
 PUSH_CALLBACK = ctypes.CFUNCTYPE(None, _text, _handle, _c_void_p)
 SETTINGS_CALLBACK = ctypes.CFUNCTYPE(None, _handle, _c_void_p)
 LOG_CALLBACK = ctypes.CFUNCTYPE(None, _c_int, _text, _c_void_p)
+PAGE_CALLBACK = ctypes.CFUNCTYPE(None, _c_int, _c_void_p, _c_size_t, _handle, _c_void_p)
 _texts = ctypes.POINTER(_text)
 _event = [_handle, _text, _text, _text, _text, _text, _text, _c_int, _out]
 _registration = [_handle, _text, _text, PUSH_CALLBACK, _c_void_p, _out]
@@ -78,6 +80,13 @@ _PROTOTYPES = {
     "VMKBlipsSettingsCopyJSON": (_json, [_handle]),
     "VMKBlipsProviderSendUserAction": (_c_bool, _event),
     "VMKBlipsProviderSendPageView": (_c_bool, _event),
+    "VMKHelpCenterUtilRegisterAuthenticationProtocol": (None, []),
+    "VMKHelpCenterUtilUnregisterAuthenticationProtocol": (None, []),
+    "VMKHelpCenterUtilCopyVelmoraURL": (_json, []),
+    "VMKHelpCenterUtilHasAuth": (_c_bool, []),
+    "VMKHelpCenterUtilCanAuthenticateRequest": (_c_bool, [_text, _text]),
+    "VMKHelpCenterUtilCopyCanonicalRequestHeadersJSON": (_json, [_text, _text, _out]),
+    "VMKHelpCenterUtilLoadURL": (_c_bool, [_text, PAGE_CALLBACK, _c_void_p, _out]),
     "VMKDebugLiveHandleCount": (_c_size_t, []),
 }
 for _provider in ("User", "Push", "Settings", "Blips"):
@@ -131,17 +140,22 @@ def lib():
 
 
 def encode(text):
+    if text is not None and "\0" in text:
+        # C would end the text there and pass on a shorter one without a word.
+        raise ValueError("text holding NUL cannot cross into the library")
     return None if text is None else text.encode("utf-8")
 
 
 def decode(raw):
-    return None if raw is None else raw.decode("utf-8")
+    return None if raw is None else raw.decode("utf-8", errors="replace")
 
 
 def take_string(pointer):
     """The text of a string the library handed over, which is released."""
+    if not pointer:
+        raise RuntimeError("the library handed over no text (a refused handle or no memory)")
     try:
-        return ctypes.string_at(pointer).decode("utf-8")
+        return ctypes.string_at(pointer).decode("utf-8", errors="replace")
     finally:
         lib().VMKStringRelease(pointer)
 
@@ -188,7 +202,12 @@ def pending_count():
     return len(_pending)
 
 
+_exiting = False
+
+
 def _dispatch(context, *arguments):
+    if _exiting:
+        return  # the interpreter is going away: nothing of Python may run on the library's threads now
     deliver = _pending.pop(context, None)
     if deliver is not None:
         deliver(*arguments)
@@ -201,13 +220,18 @@ on_fields = FIELDS_CALLBACK(
 )
 on_push = PUSH_CALLBACK(lambda identifier, error, context: _dispatch(context, identifier, error))
 on_settings = SETTINGS_CALLBACK(lambda settings, context: _dispatch(context, settings))
+on_page = PAGE_CALLBACK(
+    lambda status, body, length, error, context: _dispatch(
+        context, status, ctypes.string_at(body, length) if length else b"", error
+    )
+)
 
 _log_function = None
 
 
 def _log(level, message, _context):
     function = _log_function
-    if function is not None:
+    if function is not None and not _exiting:
         function(level, decode(message))
 
 
@@ -218,3 +242,14 @@ def set_log_function(function):
     global _log_function
     _log_function = function
     lib().VMKCoreLoggerSetCallback(on_log if function is not None else LOG_CALLBACK(), None)
+
+
+@atexit.register
+def _stop_calling_python():
+    """At exit, callbacks still under way would run Python on a library thread while the interpreter is
+    torn down: stop the log callback, give requests in flight a moment, then drop whatever comes later."""
+    global _exiting
+    if _library is not None:
+        _library.VMKCoreLoggerSetCallback(LOG_CALLBACK(), None)
+        _library.VMKVelmoraWaitForPendingRequests(500)
+    _exiting = True

@@ -42,6 +42,14 @@ class Anonymous:
     guid: Optional[str] = None
 
 
+@dataclass(frozen=True)
+class Page:
+    """A help-centre page as it was answered: the HTTP status and the body's bytes."""
+
+    status: int
+    body: bytes
+
+
 @dataclass
 class User:
     id: str
