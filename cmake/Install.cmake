@@ -26,7 +26,7 @@ foreach(tool IN ITEMS cli mock)
 endforeach()
 
 # A static library brings its private dependencies to the consumer's link.
-set(VELMORA_PC_REQUIRES_PRIVATE "libcurl sqlite3 libplist-2.0")
+set(VELMORA_PC_REQUIRES_PRIVATE "libcurl sqlite3 libplist-2.0 libutf8proc")
 if(BUILD_SHARED_LIBS)
   set(VELMORA_STATIC_DEPENDENCIES "")
 else()
@@ -34,7 +34,8 @@ else()
 find_dependency(SQLite3)
 find_dependency(CURL)
 find_dependency(PkgConfig)
-pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)]=])
+pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+pkg_check_modules(UTF8PROC REQUIRED IMPORTED_TARGET libutf8proc)]=])
 endif()
 
 configure_package_config_file(cmake/VelmoraCoreConfig.cmake.in

@@ -69,13 +69,33 @@ TEST(IdentityTest, EncodingWritesOnlyPresentFieldsAndRoundTrips) {
 TEST(IdentityTest, EqualityComparesNameAndEmailOrTheTokenAndNeverTheGuid) {
     Anonymous annWithGuid = Anonymous::withName("Ann", "ann@one.example");
     annWithGuid.guid = "1";
-    EXPECT_EQ(Identity(annWithGuid), Identity::createAnonymous("Ann", "ann@one.example"));
-    EXPECT_NE(Identity::createAnonymous("Ann", std::nullopt), Identity::createAnonymous("Ann", ""));
-    EXPECT_NE(Identity::createAnonymous("Ann", "ann@one.example"),
-              Identity::createAnonymous("Ann", "Ann@one.example"));
-    EXPECT_NE(Identity::createAnonymous(), Identity::createJwt(""));
-    EXPECT_EQ(Identity::createJwt("T"), Identity::createJwt("T"));
-    EXPECT_NE(Identity::createJwt("T"), Identity::createJwt("t"));
+    const auto ann = [](const char* name) { return Identity::createAnonymous(name, std::nullopt); };
+    const struct {
+        Identity a, b;
+        bool equal;
+    } rows[] = {
+        {Identity(annWithGuid), Identity::createAnonymous("Ann", "ann@one.example"), true},
+        {ann("Ann"), Identity::createAnonymous("Ann", ""), false},
+        {Identity::createAnonymous("Ann", "ann@one.example"),
+         Identity::createAnonymous("Ann", "Ann@one.example"), false},
+        {Identity::createAnonymous(), Identity::createJwt(""), false},
+        {Identity::createJwt("T"), Identity::createJwt("T"), true},
+        {Identity::createJwt("T"), Identity::createJwt("t"), false},
+        // Canonical equivalence: precomposed and decomposed, a singleton (angstrom sign), mark order.
+        {Identity::createJwt("caf\u00e9"), Identity::createJwt("cafe\u0301"), true},
+        {ann("\u212b"), ann("A\u030a"), true},
+        {ann("a\u0323\u0301"), ann("a\u0301\u0323"), true},
+        // A compatibility form is another text, and so is a different mark.
+        {Identity::createJwt("\ufb01"), Identity::createJwt("fi"), false},
+        {Identity::createJwt("cafe\u0301"), Identity::createJwt("cafe\u0300"), false},
+        // Bytes that are not UTF-8 equal only themselves.
+        {Identity::createJwt("\xff"), Identity::createJwt("\xff"), true},
+        {Identity::createJwt("\xff"), Identity::createJwt("\xfe"), false},
+    };
+    for (std::size_t i = 0; i < std::size(rows); ++i) {
+        EXPECT_EQ(rows[i].a == rows[i].b, rows[i].equal) << "row " << i;
+        EXPECT_EQ(rows[i].b == rows[i].a, rows[i].equal) << "row " << i << ", reversed";
+    }
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include "velmora/Errors.h"
 #include "velmora/platform/Json.h"
+#include "velmora/platform/Utf8.h"
 #include "velmora/support/JsonReading.h"
 #include "velmora/support/LibraryError.h"
 
@@ -35,7 +36,26 @@ std::optional<Jwt> decodeJwt(const nlohmann::json& json) {
     return Jwt{token->get<std::string>()};
 }
 
+bool equalText(const std::optional<std::string>& a, const std::optional<std::string>& b) {
+    return a && b ? platform::canonicallyEqual(*a, *b) : a.has_value() == b.has_value();
+}
+
 }  // namespace
+
+bool operator==(const Jwt& a, const Jwt& b) {
+    return platform::canonicallyEqual(a.token, b.token);
+}
+
+bool operator==(const Anonymous& a, const Anonymous& b) {
+    return equalText(a.name, b.name) && equalText(a.email, b.email);
+}
+
+bool operator==(const Identity& a, const Identity& b) {
+    if (a.anonymous() && b.anonymous()) {
+        return *a.anonymous() == *b.anonymous();
+    }
+    return a.jwt() && b.jwt() && *a.jwt() == *b.jwt();
+}
 
 Error toError(Identity::IdentityError error) {
     return libraryError(errors::identityDomain, error, std::nullopt);

@@ -1,6 +1,10 @@
 #include "velmora/platform/Utf8.h"
 
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+#include <utf8proc.h>
 
 namespace velmora::platform {
 
@@ -43,6 +47,39 @@ bool isValidUtf8(std::string_view text) {
         i += length;
     }
     return true;
+}
+
+namespace {
+
+struct FreeDeleter {
+    void operator()(void* memory) const { std::free(memory); }
+};
+
+}  // namespace
+
+std::optional<std::string> normalizedNfc(std::string_view text) {
+    // utf8proc rejects ill-formed input itself; the explicit length keeps an embedded NUL part of the text.
+    utf8proc_uint8_t* normalized = nullptr;
+    const auto length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
+                                     static_cast<utf8proc_ssize_t>(text.size()), &normalized,
+                                     static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE));
+    const std::unique_ptr<utf8proc_uint8_t, FreeDeleter> owner(normalized);
+    if (length < 0 || normalized == nullptr) {
+        return std::nullopt;
+    }
+    return std::string(reinterpret_cast<const char*>(normalized), static_cast<std::size_t>(length));
+}
+
+bool canonicallyEqual(std::string_view a, std::string_view b) {
+    if (a == b) {
+        return true;
+    }
+    const auto normalizedA = normalizedNfc(a);
+    if (!normalizedA) {
+        return false;
+    }
+    const auto normalizedB = normalizedNfc(b);
+    return normalizedB && *normalizedA == *normalizedB;
 }
 
 }  // namespace velmora::platform

@@ -16,8 +16,6 @@ namespace velmora {
 // An end user identified by a token the host's own server issued. The library never looks inside it.
 struct VELMORA_EXPORT Jwt {
     std::string token;
-
-    friend bool operator==(const Jwt&, const Jwt&) = default;
 };
 
 // An end user without an account of their own, optionally with a display name and e-mail address.
@@ -30,12 +28,13 @@ struct VELMORA_EXPORT Anonymous {
     static Anonymous withName(std::optional<std::string> name, std::optional<std::string> email) {
         return Anonymous{std::move(name), std::move(email), std::nullopt};
     }
-
-    // Same name and e-mail; the GUID is deliberately ignored. An absent value never equals a present one.
-    friend bool operator==(const Anonymous& a, const Anonymous& b) {
-        return a.name == b.name && a.email == b.email;
-    }
 };
+
+// Texts compare as a user reads them: canonically equivalent forms (a precomposed or a decomposed "é") are
+// equal; letter case and compatibility forms still make a difference.
+VELMORA_EXPORT bool operator==(const Jwt& a, const Jwt& b);
+// Same name and e-mail; the GUID is deliberately ignored. An absent value never equals a present one.
+VELMORA_EXPORT bool operator==(const Anonymous& a, const Anonymous& b);
 
 // Who the end user is: anonymous or a JWT.
 class VELMORA_EXPORT Identity {
@@ -64,11 +63,12 @@ class VELMORA_EXPORT Identity {
     // As fromJson, after parsing the bytes; bytes that are not JSON give the parser's error.
     static Result<Identity> decode(const Data& data);
 
-    friend bool operator==(const Identity&, const Identity&) = default;
-
   private:
     std::variant<Anonymous, Jwt> value_;
 };
+
+// The same kind with equal payloads; an anonymous identity never equals a JWT one.
+VELMORA_EXPORT bool operator==(const Identity& a, const Identity& b);
 
 VELMORA_EXPORT Error toError(Identity::IdentityError error);
 
