@@ -66,9 +66,6 @@ void ProviderService::perform(TaskCompletion callback) const {
 }
 
 void DefaultRequestExecutor::perform(const ProviderService& service, TaskCompletion callback) {
-    // Made here, on the caller's thread, the first time: set up lazily on a pool thread, libcurl and OpenSSL
-    // could still be initialising there while the process exits.
-    NetworkClient::defaultClient();
     platform::DispatchQueue::global().async([service, callback = std::move(callback)] {
         NetworkClient::defaultClient().execute(service, service.dispatchQueue, callback);
     });

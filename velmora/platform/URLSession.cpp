@@ -1,6 +1,7 @@
 #include "velmora/platform/URLSession.h"
 
 #include <curl/curl.h>
+#include <dlfcn.h>
 
 #include <algorithm>
 #include <atomic>
@@ -111,8 +112,20 @@ bool isCredential(const std::string& name) {
 constexpr long maximumRedirects = 16;
 constexpr int idlePollMilliseconds = 24 * 60 * 60 * 1000;
 
+// Asks OpenSSL, when it is libcurl's TLS library here, not to tear itself down at exit: a host may exit while
+// a library thread is still setting libcurl up, or still inside a transfer, and OpenSSL's exit handler would
+// free what that thread uses. Like the library's own singletons, OpenSSL's state is then left to the system.
+void keepOpenSslAtExit() {
+    using InitCrypto = int (*)(std::uint64_t, const void*);
+    constexpr std::uint64_t noAtExit = 0x00080000;  // OPENSSL_INIT_NO_ATEXIT
+    if (const auto init = reinterpret_cast<InitCrypto>(::dlsym(RTLD_DEFAULT, "OPENSSL_init_crypto"))) {
+        (void)init(noAtExit, nullptr);
+    }
+}
+
 void initialiseCurlOnce() {
     static const bool done = [] {
+        keepOpenSslAtExit();
         const bool initialised = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
         registerExitGuard();  // after OpenSSL registered its cleanup, so that the guard runs before it
         return initialised;

@@ -93,7 +93,7 @@ class DefaultsDatabase {
             now - lastReadRefresh_.load(std::memory_order_relaxed) >= readRefreshInterval.count()) {
             if (std::unique_lock connection(connectionMutex_, std::try_to_lock); connection.owns_lock()) {
                 lastReadRefresh_.store(now, std::memory_order_relaxed);
-                refresh();
+                refreshOrLog();
             }
         }
         return lookupInView(std::unique_lock(stateMutex_), suite, key);
@@ -185,7 +185,8 @@ class DefaultsDatabase {
         }
         std::lock_guard connection(connectionMutex_);
         StagedChanges staged;
-        const bool began = db_ != nullptr && begin() == SQLITE_OK;
+        const int beginning = db_ != nullptr ? begin() : SQLITE_CANTOPEN;
+        const bool began = beginning == SQLITE_OK;
         activeTransaction = {this, &staged};
         try {
             body();
@@ -227,7 +228,7 @@ class DefaultsDatabase {
                 logWriteFailure(code);
             }
         } else if (db_ != nullptr) {
-            logWriteFailure(sqlite3_extended_errcode(db_) & 0xFF);
+            logWriteFailure(beginning);
         } else if (!file_) {
             committed = true;  // a host without a data directory keeps its values in memory by choice
         }
@@ -286,27 +287,34 @@ class DefaultsDatabase {
     }
 
     // Called with connectionMutex_ held: loads the file again when another connection committed to it since
-    // this one last looked. Changes of this process not yet synchronized stay on top.
-    void refresh() {
-        if (db_ == nullptr) {
-            return;
-        }
+    // this one last loaded it, and the first time. Changes of this process not yet synchronized stay on top.
+    int refresh() {
         if (dataVersion_ == nullptr &&
             sqlite3_prepare_v2(db_, "PRAGMA data_version", -1, &dataVersion_, nullptr) != SQLITE_OK) {
-            return;
+            return sqlite3_errcode(db_);
         }
         const int code = sqlite3_step(dataVersion_);
         const auto version = code == SQLITE_ROW ? sqlite3_column_int64(dataVersion_, 0) : -1;
         sqlite3_reset(dataVersion_);
-        if (version < 0 || version == loadedVersion_) {
+        if (version >= 0 && version == loadedVersion_) {
+            return SQLITE_OK;
+        }
+        const int loaded = loadAll();
+        if (loaded == SQLITE_OK) {
+            loadedVersion_ = version;
+        }
+        return loaded;
+    }
+
+    // A refresh whose failure leaves the view as it is, with an error line.
+    void refreshOrLog() {
+        if (db_ == nullptr) {
             return;
         }
-        if (const int loaded = loadAll(); loaded != SQLITE_OK) {
+        if (const int code = refresh(); code != SQLITE_OK) {
             systemLogLine(LogLevel::error, format("UserDefaults: reading %@ failed: %@", file_->string(),
-                                                  sqlite3_errstr(loaded)));
-            return;
+                                                  sqlite3_errstr(code)));
         }
-        loadedVersion_ = version;
     }
 
     // Applies committed changes to the shared view; they replace any pending change of the same key.
@@ -356,10 +364,18 @@ class DefaultsDatabase {
                         return 1;
                     },
                     nullptr);
-                code = prepareSchema();
+                code = sqlite3_exec(db_, "PRAGMA synchronous = FULL", nullptr, nullptr, nullptr);
             }
             if (code == SQLITE_OK && load) {
-                code = loadAll();
+                code = refresh();
+            }
+            if (code == SQLITE_ERROR || (code == SQLITE_OK && !load)) {
+                // A new file (no table to load from yet), or a fresh one after recovery: set it up. A file
+                // this library made is set up already, and asking again costs a launch more than the load.
+                code = prepareSchema();
+                if (code == SQLITE_OK && load) {
+                    code = refresh();
+                }
             }
             if (code == SQLITE_OK) {
                 return true;
@@ -412,7 +428,7 @@ class DefaultsDatabase {
     int prepareSchema() {
         // WAL with full sync: one fsync per commit, and readers of the file never block the writer.
         for (const char* sql :
-             {"PRAGMA journal_mode = WAL", "PRAGMA synchronous = FULL",
+             {"PRAGMA journal_mode = WAL",
               "CREATE TABLE IF NOT EXISTS defaults (suite TEXT NOT NULL, key TEXT NOT NULL, "
               "value BLOB NOT NULL, PRIMARY KEY (suite, key)) WITHOUT ROWID"}) {
             if (const int code = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr); code != SQLITE_OK) {
@@ -514,7 +530,11 @@ class DefaultsDatabase {
         if (sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
             return sqlite3_extended_errcode(db_) & 0xFF;
         }
-        refresh();
+        // A view that could not be brought up to date must not be written back.
+        if (const int code = refresh(); code != SQLITE_OK) {
+            sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+            return code;
+        }
         return SQLITE_OK;
     }
 
