@@ -142,6 +142,26 @@ TEST_F(CliTest, AWarmSwitchUnregistersBeforeTheLaunchEndsAndLogsGoToStandardErro
     EXPECT_EQ(quiet.err, "") << "the logger is off unless asked for";
 }
 
+TEST_F(CliTest, AHelpCentrePageCarriesTheTokenOnceThereIsOneAndATransportErrorFails) {
+    const auto article = server.url() + "/hc/articles/1";
+    const auto guest = velmora({"helpcenter", "get", article});
+    ASSERT_EQ(guest.exitCode, 0) << guest.err;
+    EXPECT_EQ(guest.outJson().size(), 2u) << guest.out;
+    EXPECT_EQ(guest.outJson()["status"], 401) << "any HTTP answer succeeds";
+
+    ASSERT_EQ(velmora({"identity", "anonymous", "--name", "Ann"}).exitCode, 0);
+    ASSERT_EQ(velmora({"user", "get"}).exitCode, 0);  // logs in: now there is a token to carry
+    const auto member = velmora({"helpcenter", "get", article});
+    EXPECT_EQ(member.outJson()["status"], 200);
+    EXPECT_NE(member.outJson()["body"].get<std::string>().find("<h1>Getting started</h1>"),
+              std::string::npos);
+
+    const auto unreachable = velmora({"helpcenter", "get", "http://127.0.0.1:1/hc/"});
+    EXPECT_EQ(unreachable.exitCode, 1);
+    EXPECT_EQ(unreachable.out, "");
+    EXPECT_EQ(unreachable.errJson()["domain"], "NSURLErrorDomain") << unreachable.err;
+}
+
 TEST_F(CliTest, TheExampleRunsAgainstTheLocalAccount) {
     const auto run = runProgram(root, {VELMORA_QUICKSTART_PATH, server.url()});
     EXPECT_EQ(run.exitCode, 0) << run.err;

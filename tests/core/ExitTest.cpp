@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/wait.h>
 
 #include "tests/support/LibraryTest.h"
+#include "tests/support/PersistedDefaults.h"
 #include "tests/support/Watchdog.h"
 #include "tools/velmora-mock/AccountServer.h"
-
-extern char** environ;
 
 namespace velmora::testing {
 namespace {
@@ -23,26 +21,19 @@ TEST_F(LibraryTest, AHostThatExitsWithRequestsInFlightNeverCrashes) {
         server.script("", "/api/mobile/users/me.json", {.status = 200, .body = "{}", .delay = 30ms});
     }
     for (const std::string mode : {"return", "exit"}) {
-        int crashed = 0;
-        std::string statuses;
+        std::string failures;
         for (int run = 0; run < runs; ++run) {
-            std::string probe = VELMORA_EXIT_PROBE_PATH;
-            std::string url = server.url();
-            std::string data = (root / ("run-" + mode + std::to_string(run))).string();
-            std::string how = mode;
-            char* argv[] = {probe.data(), url.data(), data.data(), how.data(), nullptr};
-            pid_t pid = 0;
-            ASSERT_EQ(posix_spawn(&pid, argv[0], nullptr, nullptr, argv, environ), 0);
+            const auto data = root / (mode + std::to_string(run));
+            const pid_t pid = spawnWithOutput({VELMORA_EXIT_PROBE_PATH, server.url(), data.string(), mode},
+                                              root / "stdout", root / "stderr");
+            ASSERT_NE(pid, 0);
             int status = 0;
-            waitpid(pid, &status, 0);
-            if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-                ++crashed;
-                statuses +=
-                    " " + std::to_string(WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status));
+            ::waitpid(pid, &status, 0);
+            if (const int code = exitStatusOf(status); code != 0) {
+                failures += " " + std::to_string(code) + " " + readFile(root / "stderr");
             }
         }
-        EXPECT_EQ(crashed, 0) << mode << ": " << crashed << " of " << runs
-                              << " runs ended badly:" << statuses;
+        EXPECT_EQ(failures, "") << mode << ": runs that ended badly (exit code, or 128 + the signal)";
     }
 }
 

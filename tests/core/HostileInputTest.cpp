@@ -1,24 +1,21 @@
-// A hostile account server and a careless host, end to end through the facade: what reaches the wire (and
-// which origin it reaches) is read from the local account server's record of every request.
+// A hostile account server and a careless host, end to end through the facade: what reaches the wire is read
+// from the local account server's record of every request.
 #include <gtest/gtest.h>
 
-#include "tests/support/Awaited.h"
-#include "tests/support/LibraryTest.h"
-#include "tests/support/Watchdog.h"
-#include "tools/velmora-mock/AccountServer.h"
+#include "tests/support/ServerTest.h"
 #include "velmora/Velmora.h"
-#include "velmora/storage/IdentityStore.h"
 #include "velmora/storage/SessionStore.h"
 
 namespace velmora::testing {
 namespace {
 
 using namespace std::chrono_literals;
-using mock::AccountServer;
 using mock::ScriptedAnswer;
 using nlohmann::json;
 
-class HostileInputTest : public LibraryTest {
+constexpr const char* me = "/api/mobile/users/me.json";
+
+class HostileInputTest : public ServerTest {
   protected:
     std::shared_ptr<Velmora> start(const std::string& appId = "app", const std::string& clientId = "client") {
         EXPECT_TRUE(Velmora::initialize(appId, clientId, server.url()));
@@ -32,64 +29,31 @@ class HostileInputTest : public LibraryTest {
         return user.wait();
     }
     static bool drain() { return Velmora::waitForPendingRequests(10s); }
-
-    Watchdog watchdog{90s, "hostile input test"};
-    AccountServer server;
-    AccountServer elsewhere;
 };
 
-TEST_F(HostileInputTest, TheLoginNeverFollowsARedirectToAnotherOrigin) {
-    for (const int status : {307, 308}) {
-        server.script("POST", "/access/sdk/jwt",
-                      {.status = status, .headers = {{"Location", elsewhere.url() + "/access/sdk/jwt"}}});
-        const auto velmora = start();
-        const auto user = getUser(*velmora);
-        ASSERT_TRUE(user.isError()) << status;
-        EXPECT_EQ(user.error().domain(), errors::urlDomain) << user.error().description();
-        EXPECT_TRUE(elsewhere.requests().empty()) << status << ": the JWT went to another origin";
-        EXPECT_EQ(IdentityStore("app").oauthToken(), std::nullopt)
-            << "no token of the other origin is stored";
-        ASSERT_TRUE(drain());
-    }
-}
-
+// A token the session would refuse fails as a login error, and nothing is sent with it.
 TEST_F(HostileInputTest, AnAccessTokenThatIsNoHeaderValueIsRefusedAndNeverSent) {
-    for (const std::string& token : {std::string("abc\r\nX-Injected: yes"),
-                                     std::string("abc\r\n\r\nDELETE /api/mobile/users/me.json HTTP/1.1\r\n"
-                                                 "Host: x\r\n\r\n"),
-                                     std::string("abc\0def", 7)}) {
-        server.script("POST", "/access/sdk/jwt",
-                      {.status = 200,
-                       .body = json{{"authentication", {{"access_token", token}, {"user_id", "7"}}}}.dump()});
-        const auto velmora = start();
-        const auto user = getUser(*velmora);
-        ASSERT_TRUE(user.isError());
-        EXPECT_EQ(user.error().domain(), errors::coreDomain);
-        EXPECT_EQ(user.error().code(), errors::accessFailed);
-        EXPECT_EQ(user.error().description().find("abc"), std::string::npos) << "the token is not echoed";
-        ASSERT_TRUE(drain());
-    }
-    for (const auto& request : server.requests()) {
-        EXPECT_EQ(request.header("X-Injected"), std::nullopt);
-    }
-    EXPECT_TRUE(server.requests("DELETE", "/api/mobile/users/me.json").empty());
-    EXPECT_TRUE(server.requests("GET", "/api/mobile/users/me.json").empty());
+    const json access = {{"authentication", {{"access_token", "abc\r\nX-Injected: yes"}, {"user_id", "7"}}}};
+    server.script("POST", "/access/sdk/jwt", {.status = 200, .body = access.dump()});
+    const auto user = getUser(*start());
+    ASSERT_TRUE(user.isError());
+    EXPECT_EQ(user.error().domain(), errors::coreDomain);
+    EXPECT_EQ(user.error().code(), errors::accessFailed);
+    EXPECT_EQ(user.error().description().find("abc"), std::string::npos) << "the token is not echoed";
+    ASSERT_TRUE(drain());
+    EXPECT_TRUE(server.requests("GET", me).empty());
 }
 
 // Each odd value through every place a host value enters a URL or a header: nothing the server receives
 // carries more than the value was meant to be, and nothing stops the process.
 TEST_F(HostileInputTest, OddHostValuesStayInTheirPlaceOrAreRefused) {
-    const std::vector<std::pair<std::string, std::string>> values = {{"empty", ""},
-                                                                     {"dotdot", ".."},
-                                                                     {"space", "a b"},
-                                                                     {"slash", "a/b"},
-                                                                     {"encoded", "%2F"},
-                                                                     {"megabyte", std::string(1 << 20, 'x')},
-                                                                     {"crlf", "a\r\nX-Injected: yes"},
-                                                                     {"utf8", "\xC3\x28\xFF"}};
+    const std::vector<std::string> values = {
+        "", "..", "a b", "a/b", "%2F", std::string(1 << 20, 'x'), "a\r\nX-Injected: yes", "\xC3\x28\xFF"};
     const std::string devices = "/api/mobile/push_notification_devices/";
-    for (const auto& [name, value] : values) {
-        SCOPED_TRACE(name);
+    std::size_t tagRequests = 0;
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        const auto& value = values[i];
+        SCOPED_TRACE(::testing::PrintToString(value.substr(0, 20)));
         server.clearRequests();
         const bool segment =
             !value.empty() && value != ".." && value.find_first_of(" /%\r\n\xC3") == std::string::npos;
@@ -106,7 +70,7 @@ TEST_F(HostileInputTest, OddHostValuesStayInTheirPlaceOrAreRefused) {
         tagged.wait();
 
         // Another account, so that the client id takes effect.
-        velmora = start("app-" + name, value);
+        velmora = start("app-" + std::to_string(i), value);
         const auto user = getUser(*velmora);
         if (value.find('\n') != std::string::npos) {
             EXPECT_TRUE(user.isError()) << "a client id with a line break is never sent";
@@ -114,32 +78,25 @@ TEST_F(HostileInputTest, OddHostValuesStayInTheirPlaceOrAreRefused) {
             ASSERT_TRUE(user.isSuccess()) << user.error().description();
             // The server's HTTP library drops empty fields and percent-decodes values, so those are skipped.
             if (!value.empty() && value.find('%') == std::string::npos) {
-                EXPECT_EQ(
-                    server.requests("GET", "/api/mobile/users/me.json").back().header("Client-Identifier"),
-                    value)
+                EXPECT_EQ(server.requests("GET", me).back().header("Client-Identifier"), value)
                     << "a well-formed client id goes out byte for byte";
             }
         }
         ASSERT_TRUE(drain());
 
         for (const auto& request : server.requests()) {
-            EXPECT_FALSE(request.method == "DELETE" && request.path() == "/api/mobile/users/me.json");
-            EXPECT_EQ(request.target.find("admin="), std::string::npos) << request.target;
+            EXPECT_FALSE(request.method == "DELETE" && request.path() == me);
             EXPECT_EQ(request.header("X-Injected"), std::nullopt);
             if (request.path().starts_with(devices)) {
                 EXPECT_EQ(request.path(), devices + value + ".json") << "one path segment, byte for byte";
             }
+            if (request.path() == "/api/mobile/user_tags/destroy_many.json") {
+                ++tagRequests;
+                EXPECT_TRUE(request.target.ends_with(",x%26admin%3D1")) << "a tag adds no query parameter";
+            }
         }
     }
-}
-
-TEST_F(HostileInputTest, ATagCannotAddAQueryParameter) {
-    const auto velmora = start();
-    Awaited<Result<User>> tagged;
-    velmora->providerModule().user().deleteTags({"a&tags=b", "x&admin=1", "plain"}, tagged.callback());
-    ASSERT_TRUE(tagged.wait().isSuccess()) << tagged.wait().error().description();
-    EXPECT_EQ(server.requests("DELETE", "/api/mobile/user_tags/destroy_many.json").at(0).target,
-              "/api/mobile/user_tags/destroy_many.json?tags=a%26tags%3Db,x%26admin%3D1,plain");
+    EXPECT_GT(tagRequests, 0u);
 }
 
 TEST_F(HostileInputTest, AServerChosenIdentifierThatLeavesItsSegmentIsNeitherStoredNorUnregistered) {
@@ -153,10 +110,10 @@ TEST_F(HostileInputTest, AServerChosenIdentifierThatLeavesItsSegmentIsNeitherSto
 
     velmora->setIdentity(Identity::createJwt("another-user"));
     ASSERT_TRUE(drain());
-    EXPECT_TRUE(server.requests("DELETE", "/api/mobile/users/me.json").empty());
+    EXPECT_TRUE(server.requests("DELETE", me).empty());
 }
 
-// Values too large for a URL used to stop the process; now the call fails and the host goes on.
+// Values too large for a URL fail the call like any other answer instead of stopping the process.
 TEST_F(HostileInputTest, ValuesTooLargeForAUrlFailTheCallInsteadOfStoppingTheProcess) {
     const auto velmora = start();
     Awaited<Result<User>> tagged;
@@ -164,7 +121,7 @@ TEST_F(HostileInputTest, ValuesTooLargeForAUrlFailTheCallInsteadOfStoppingThePro
                                                 tagged.callback());
     ASSERT_TRUE(tagged.wait().isError());
     EXPECT_EQ(tagged.wait().error().code(), errors::url::badURL);
-    EXPECT_TRUE(tagged.onMain()) << "the failure arrives like any other answer";
+    EXPECT_TRUE(tagged.onMain());
 
     logs->clear();
     velmora->providerModule().push().unregisterForPush(std::string(9 << 20, 'x'));
@@ -173,8 +130,8 @@ TEST_F(HostileInputTest, ValuesTooLargeForAUrlFailTheCallInsteadOfStoppingThePro
     EXPECT_TRUE(server.requests("DELETE", "").empty());
 }
 
-// One deadline for the whole call: a server that never answers its settings, or one that trickles a byte
-// every half second, ends the call when the host's bound has passed, not once per hop or never.
+// One deadline for the whole call: a server that never answers, or one that trickles a byte every half
+// second, ends the call when the host's bound has passed, not once per hop or never.
 TEST_F(HostileInputTest, AWholeCallEndsByTheRequestDeadline) {
     environment.http.requestDeadline = 2;
     environment.http.timeoutInterval = 2;
@@ -184,17 +141,16 @@ TEST_F(HostileInputTest, AWholeCallEndsByTheRequestDeadline) {
     server.script("POST", "/access/sdk/jwt", {.status = 200, .body = "{}", .delay = 20s});
     auto velmora = start();
     auto started = std::chrono::steady_clock::now();
-    auto user = getUser(*velmora);
-    ASSERT_TRUE(user.isError());
+    ASSERT_TRUE(getUser(*velmora).isError());
     EXPECT_LT(std::chrono::steady_clock::now() - started, 3500ms)
         << "settings, login and call took one bound each";
 
-    IdentityStore("app").update(IdentityStore::authTokenKey, PropertyValue(std::string("token")));
+    identity->update(IdentityStore::authTokenKey, PropertyValue(std::string("token")));
     ScriptedAnswer trickle{.status = 200, .chunkDelay = 500ms};
     trickle.chunks.assign(40, " ");
-    server.script("GET", "/api/mobile/users/me.json", trickle);
+    server.script("GET", me, trickle);
     started = std::chrono::steady_clock::now();
-    user = getUser(*velmora);
+    const auto user = getUser(*velmora);
     ASSERT_TRUE(user.isError());
     EXPECT_EQ(user.error().code(), errors::url::timedOut);
     EXPECT_LT(std::chrono::steady_clock::now() - started, 3500ms) << "a trickle kept the request alive";
@@ -202,11 +158,11 @@ TEST_F(HostileInputTest, AWholeCallEndsByTheRequestDeadline) {
 }
 
 // JSON nested far deeper than any real document, from the server and from the host: a decoding error or a
-// refusal, never a stack overflow (printing and copying JSON recurse once per level).
+// refusal, never a stack overflow.
 TEST_F(HostileInputTest, DeeplyNestedJsonIsRefusedNotRecursedInto) {
     const auto nested = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
     server.script(
-        "GET", "/api/mobile/users/me.json",
+        "GET", me,
         {.status = 200, .body = R"({"user": {"id": 1, "user_fields": {"deep": )" + nested(50'000) + "}}}"});
     auto velmora = start();
     const auto user = getUser(*velmora);
@@ -246,8 +202,8 @@ TEST_F(HostileInputTest, DeeplyNestedJsonIsRefusedNotRecursedInto) {
 
 TEST_F(HostileInputTest, AFailedAnswerThatIsNoRecordCarriesItsStatus) {
     const auto velmora = start();
-    for (const int status : {429, 503, 401}) {
-        server.script("GET", "/api/mobile/users/me.json", {.status = status, .body = "Service Unavailable"});
+    for (const int status : {503, 401}) {
+        server.script("GET", me, {.status = status, .body = "Service Unavailable"});
         const auto user = getUser(*velmora);
         ASSERT_TRUE(user.isError());
         EXPECT_EQ(user.error().userInfo().value(std::string(errors::httpStatusCodeKey), 0), status)

@@ -11,6 +11,8 @@
 #include "tests/support/Watchdog.h"
 #include "tools/velmora-mock/AccountServer.h"
 #include "velmora/platform/NotificationCenter.h"
+#include "velmora/platform/UserDefaults.h"
+#include "velmora/storage/LegacyIdentityMigrator.h"
 #include "velmora/storage/Stores.h"
 
 namespace velmora::testing {
@@ -179,6 +181,44 @@ TEST_F(VelmoraTest, SettingTheSameIdentityKeepsTheSessionAndAnotherOneClearsIt) 
     ASSERT_EQ(deleted.size(), 1u);
     EXPECT_EQ(deleted[0].header("Authorization"), "Bearer token-1") << "on behalf of the user who registered";
     EXPECT_EQ(server.requests("POST", "/access/sdk/jwt").size(), 1u) << "no login for the next user yet";
+}
+
+TEST_F(VelmoraTest, TheEarlierGenerationsIdentityIsTakenOverWithoutClearingOrUnregistering) {
+    Velmora::initialize("app", "client", server.url());
+    const auto velmora = installed();
+    const IdentityStore identityStore("app");
+    const auto plantLegacyJwt = [] {
+        const auto standard = platform::UserDefaults::standard();
+        standard->set("vmk-identity", VMKJwtIdentity("T").archivedData());
+        standard->set("vmk-oauth", "old-token");
+        standard->set("vmk-user-id", 77);
+        ASSERT_TRUE(standard->synchronize());
+        const auto push = platform::UserDefaults::suite("com.velmora.push");
+        push->set("device-token", "old-device");
+        ASSERT_TRUE(push->synchronize());
+    };
+
+    plantLegacyJwt();
+    velmora->setIdentity(Identity::createJwt("T"));
+    EXPECT_EQ(identityStore.oauthToken(), "old-token");
+    EXPECT_EQ(identityStore.uuid(), "") << "a fresh store gets no UUID from a migration";
+
+    // Over another user's session, with a push registration and cached pages of its own.
+    ASSERT_TRUE(identityStore.store(Identity::createJwt("U")));
+    const auto uuid = identityStore.currentUuid();
+    ASSERT_TRUE(SessionStore("app").store(PropertyValue("device-1"), "pushToken"));
+    const auto cache = *velmora->storeModule().cacheDirectory();
+    std::filesystem::create_directories(cache);
+    std::ofstream(cache / "page.html") << "cached";
+    plantLegacyJwt();
+    velmora->setIdentity(Identity::createJwt("T"));
+    EXPECT_EQ(velmora->identity(), Identity::createJwt("T"));
+    EXPECT_EQ(std::tuple(identityStore.oauthToken(), identityStore.userId(), identityStore.currentUuid()),
+              std::tuple(std::optional<std::string>("old-token"), std::optional<std::int64_t>(77), uuid));
+    EXPECT_EQ(SessionStore("app").pushToken(), "old-device");
+    EXPECT_TRUE(std::filesystem::exists(cache / "page.html")) << "the session was not cleared";
+    ASSERT_TRUE(drain());
+    EXPECT_TRUE(server.requests().empty()) << "no unregistration of device-1, no login";
 }
 
 TEST_F(VelmoraTest, TheBridgeConvertsBothWaysAndRefusesForeignClasses) {

@@ -1,28 +1,38 @@
+// The identity as stored between launches, the earlier generation's records it takes over, and the decoders
+// of untrusted bytes replayed over the fuzz corpora.
 #include "velmora/storage/IdentityStore.h"
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <regex>
 
+#include "fuzz/Targets.h"
 #include "tests/support/LibraryTest.h"
 #include "tests/support/PersistedDefaults.h"
+#include "velmora/platform/UserDefaults.h"
+#include "velmora/storage/LegacyIdentityMigrator.h"
 
 namespace velmora::testing {
 namespace {
 
+using platform::PropertyUid;
+using platform::UserDefaults;
+using Dictionary = PropertyValue::Dictionary;
+using Array = PropertyValue::Array;
+namespace fs = std::filesystem;
+
 class IdentityStoreTest : public LibraryTest {
   protected:
-    std::optional<PropertyValue> persisted(const std::string& key) {
-        const auto dictionary = persistedValue(*environment.dataDirectory / "UserDefaults.sqlite",
-                                               "com.velmora.core.identity", "app");
-        const auto* entries = dictionary ? dictionary->getIf<PropertyValue::Dictionary>() : nullptr;
-        if (entries == nullptr || !entries->contains(key)) {
-            return std::nullopt;
-        }
-        return entries->at(key);
+    fs::path file() const { return *environment.dataDirectory / "UserDefaults.sqlite"; }
+    std::optional<PropertyValue> persisted(const std::string& key) const {
+        const auto dictionary = persistedValue(file(), "com.velmora.core.identity", "app");
+        const auto* entries = dictionary ? dictionary->getIf<Dictionary>() : nullptr;
+        return entries != nullptr && entries->contains(key) ? std::optional(entries->at(key)) : std::nullopt;
     }
 
     const IdentityStore store{"app"};
+    const SessionStore sessionStore{"app"};
 };
 
 bool isUuid(const std::optional<std::string>& text) {
@@ -30,7 +40,7 @@ bool isUuid(const std::optional<std::string>& text) {
     return text && std::regex_match(*text, shape);
 }
 
-TEST_F(IdentityStoreTest, StoringANewIdentityRenewsTheUuidAndGivesOnlyAnonymousUsersAGuid) {
+TEST_F(IdentityStoreTest, ANewIdentityRenewsTheUuidAndGivesOnlyAnonymousUsersAGuidAnEqualOneKeepsThem) {
     EXPECT_EQ(store.uuid(), "");
     EXPECT_EQ(logs->lines(), (std::vector<std::string>{"[DEBUG]: No UUID found. Have you set an identity?"}));
 
@@ -39,76 +49,255 @@ TEST_F(IdentityStoreTest, StoringANewIdentityRenewsTheUuidAndGivesOnlyAnonymousU
     store.store(Identity::createAnonymous("Ann", std::nullopt));
     const auto firstGuid = store.guid();
     const auto firstUuid = store.uuid();
-    EXPECT_TRUE(isUuid(firstGuid));
-    EXPECT_TRUE(isUuid(firstUuid));
+    EXPECT_TRUE(isUuid(firstGuid) && isUuid(firstUuid));
     EXPECT_NE(firstGuid, firstUuid);
     EXPECT_EQ(store.userId(), std::nullopt) << "every store forgets the user id";
     EXPECT_EQ(store.oauthToken(), "token-1") << "the token is cleared by the session clearing, not by store";
     EXPECT_EQ(store.identity(), Identity::createAnonymous("Ann", std::nullopt));
 
     store.store(Identity::createAnonymous("Bob", std::nullopt));
-    EXPECT_TRUE(isUuid(store.guid()));
-    EXPECT_NE(store.guid(), firstGuid);
-    EXPECT_NE(store.uuid(), firstUuid);
+    const auto guid = store.guid();
+    const auto uuid = store.uuid();
+    EXPECT_TRUE(isUuid(guid));
+    EXPECT_NE(guid, firstGuid);
+    EXPECT_NE(uuid, firstUuid);
+
+    // An equal identity rewrites only itself.
+    store.update(IdentityStore::userIdKey, 0);
+    Anonymous withOtherGuid = Anonymous::withName("Bob", std::nullopt);
+    withOtherGuid.guid = "SOMETHING-ELSE";
+    store.storeIdentityOnly(Identity(withOtherGuid));
+    EXPECT_EQ(store.guid(), guid);
+    EXPECT_EQ(store.uuid(), uuid);
+    EXPECT_EQ(store.oauthToken(), "token-1");
+    EXPECT_EQ(store.userId(), 0) << "zero is a user id, not its absence";
+    EXPECT_EQ(persisted("user_id"), PropertyValue(0));
+    EXPECT_EQ(store.identity()->anonymous()->guid, "SOMETHING-ELSE");
 
     store.store(Identity::createJwt("T"));
     EXPECT_EQ(store.guid(), std::nullopt);
-    EXPECT_TRUE(isUuid(store.uuid()));
     EXPECT_EQ(persisted("guid"), std::nullopt);
     EXPECT_EQ(persisted("uuid"), PropertyValue(store.uuid()));
     EXPECT_EQ(persisted("identity"), PropertyValue(Data::fromString(R"({"jwt":{"token":"T"}})")));
+    store.storeGuid("OLD-GUID");
+    EXPECT_EQ(persisted("guid"), PropertyValue("OLD-GUID"));
+    store.storeGuid(std::nullopt);
+    EXPECT_EQ(store.guid(), std::nullopt);
 
     EXPECT_TRUE(logs->contains("[DEBUG]: stored identity with app id: app."));
     EXPECT_TRUE(logs->contains("[DEBUG]: updated auth_token on identity with app id: app."));
     EXPECT_TRUE(logs->contains("[DEBUG]: updated user_id on identity with app id: app."));
 }
 
-TEST_F(IdentityStoreTest, StoringTheIdentityOnlyKeepsEverythingElse) {
-    store.store(Identity::createAnonymous("Ann", "ann@one.example"));
-    store.update(IdentityStore::authTokenKey, "tok");
-    store.update(IdentityStore::userIdKey, 0);
-    const auto guid = store.guid();
-    const auto uuid = store.uuid();
-
-    Anonymous withOtherGuid = Anonymous::withName("Ann", "ann@one.example");
-    withOtherGuid.guid = "SOMETHING-ELSE";
-    store.storeIdentityOnly(Identity(withOtherGuid));
-    EXPECT_EQ(store.guid(), guid);
-    EXPECT_EQ(store.uuid(), uuid);
-    EXPECT_EQ(store.oauthToken(), "tok");
-    EXPECT_EQ(store.userId(), 0) << "zero is a user id, not its absence";
-    EXPECT_EQ(persisted("user_id"), PropertyValue(0));
-    ASSERT_TRUE(store.identity().has_value());
-    EXPECT_EQ(store.identity()->anonymous()->guid, "SOMETHING-ELSE") << "the identity itself is rewritten";
-
-    store.storeGuid(std::nullopt);
-    EXPECT_EQ(store.guid(), std::nullopt);
-    store.storeGuid("OLD-GUID");
-    EXPECT_EQ(persisted("guid"), PropertyValue("OLD-GUID"));
-}
-
-TEST_F(IdentityStoreTest, MalformedValuesReadAsAbsent) {
-    platform::UserDefaults::suite(IdentityStore::suite)
-        ->set("app", PropertyValue::Dictionary{{"identity", Data::fromString(R"({"jwt": {}})")},
-                                               {"guid", 7},
-                                               {"uuid", Data()},
-                                               {"auth_token", true},
-                                               {"user_id", "42"}});
+TEST_F(IdentityStoreTest, MalformedValuesReadAsAbsentAndAnUnencodableIdentityIsNotStored) {
+    const auto suite = UserDefaults::suite(IdentityStore::suite);
+    suite->set("app", Dictionary{{"identity", Data::fromString(R"({"jwt": {}})")},
+                                 {"guid", 7},
+                                 {"uuid", Data()},
+                                 {"auth_token", true},
+                                 {"user_id", "42"}});
     EXPECT_EQ(store.identity(), std::nullopt);
     EXPECT_EQ(store.guid(), std::nullopt);
     EXPECT_EQ(store.uuid(), "");
     EXPECT_EQ(store.oauthToken(), std::nullopt);
     EXPECT_EQ(store.userId(), std::nullopt);
-
-    platform::UserDefaults::suite(IdentityStore::suite)
-        ->set("app", PropertyValue::Dictionary{{"identity", "text"}});
+    suite->set("app", Dictionary{{"identity", "text"}});
     EXPECT_EQ(store.identity(), std::nullopt);
 
-    // An identity that cannot be encoded is not stored at all, rather than stored as garbage.
     store.store(Identity::createJwt("T"));
     store.storeIdentityOnly(Identity::createJwt("\xff"));
     EXPECT_EQ(store.identity(), std::nullopt);
     EXPECT_TRUE(isUuid(store.uuid()));
+}
+
+// Archives as the earlier generation's platform wrote them, and ways they can be broken.
+Data archive(Array objects, PropertyValue root = PropertyUid{1}, std::string archiver = "NSKeyedArchiver") {
+    return platform::encodeBinaryPropertyList(Dictionary{{"$version", 100000},
+                                                         {"$archiver", std::move(archiver)},
+                                                         {"$top", Dictionary{{"root", std::move(root)}}},
+                                                         {"$objects", std::move(objects)}});
+}
+PropertyValue classRecord(const char* name) {
+    return Dictionary{{"$classname", name}, {"$classes", Array{name, "NSObject"}}};
+}
+
+class LegacyIdentityMigratorTest : public IdentityStoreTest {
+  protected:
+    struct Legacy {
+        std::optional<PropertyValue> archive = std::nullopt;
+        std::optional<PropertyValue> guid = std::nullopt;
+        std::optional<PropertyValue> oauth = PropertyValue("old-token");
+        std::optional<PropertyValue> userId = PropertyValue(77);
+        std::optional<PropertyValue> pushToken = PropertyValue("old-device");
+    };
+
+    // What the earlier generation left behind, on disk as a later launch finds it.
+    void plant(const Legacy& legacy) {
+        const auto standard = UserDefaults::standard();
+        const std::pair<const char*, std::optional<PropertyValue>> values[] = {
+            {"vmk-identity", legacy.archive},
+            {"vmK-auth-guid", legacy.guid},
+            {"vmk-oauth", legacy.oauth},
+            {"vmk-user-id", legacy.userId}};
+        for (const auto& [key, value] : values) {
+            if (value) {
+                standard->set(key, *value);
+            }
+        }
+        ASSERT_TRUE(standard->synchronize());
+        if (legacy.pushToken) {
+            const auto push = UserDefaults::suite("com.velmora.push");
+            push->set("device-token", *legacy.pushToken);
+            ASSERT_TRUE(push->synchronize());
+        }
+    }
+    bool migrate(const Identity& identity) {
+        return LegacyIdentityMigrator(ApplicationConfiguration("app", "client", "https://a.example"),
+                                      identity)
+            .checkedAndMigratedIdentity();
+    }
+    // What was carried over: the token, the user id, the GUID and the push token.
+    auto carried() const {
+        return std::tuple(store.oauthToken(), store.userId(), store.guid(), sessionStore.pushToken());
+    }
+    // Deleted on disk, as the next launch reads it.
+    void expectLegacyGone() {
+        for (const char* key : {"vmk-identity", "vmK-auth-guid", "vmk-oauth", "vmk-user-id"}) {
+            EXPECT_EQ(persistedValue(file(), "velmora-tests", key), std::nullopt) << key;
+        }
+        EXPECT_EQ(persistedValue(file(), "com.velmora.push", "device-token"), std::nullopt);
+    }
+};
+
+TEST_F(LegacyIdentityMigratorTest, TheSameIdentityCarriesEverythingOverAndOnlyAnAnonymousOneItsGuid) {
+    const auto carriedOver = [&](const Data& legacy, const Identity& identity,
+                                 const std::optional<std::string>& guid) {
+        SCOPED_TRACE(identity.toJson().dump());
+        store.clear();
+        sessionStore.clear();
+        plant({.archive = legacy, .guid = "OLD-GUID"});
+        EXPECT_TRUE(migrate(identity));
+        EXPECT_EQ(carried(),
+                  std::tuple(std::optional<std::string>("old-token"), std::optional<std::int64_t>(77), guid,
+                             std::optional<std::string>("old-device")))
+            << "only anonymous identities take the old GUID";
+        expectLegacyGone();
+        EXPECT_FALSE(migrate(identity)) << "the legacy data is gone after the first check";
+    };
+    carriedOver(VMKJwtIdentity("T").archivedData(), Identity::createJwt("T"), std::nullopt);
+    carriedOver(VMKAnonymousIdentity("N", "E").archivedData(), Identity::createAnonymous("N", "E"),
+                "OLD-GUID");
+}
+
+TEST_F(LegacyIdentityMigratorTest, AnotherOrUnreadableIdentityCarriesNothingOverAndIsDeletedAllTheSame) {
+    const auto anonymous = VMKAnonymousIdentity("N", "E").archivedData();
+    const std::tuple<const char*, Legacy, Identity> cases[] = {
+        {"another JWT", {.archive = VMKJwtIdentity("T").archivedData()}, Identity::createJwt("U")},
+        {"another email",
+         {.archive = anonymous, .guid = "OLD-GUID"},
+         Identity::createAnonymous("N", "other@e.example")},
+        {"anonymous without its GUID", {.archive = anonymous}, Identity::createAnonymous("N", "E")},
+        {"unreadable archive", {.archive = Data::fromString("junk")}, Identity::createJwt("T")}};
+    for (const auto& [what, legacy, identity] : cases) {
+        SCOPED_TRACE(what);
+        plant(legacy);
+        EXPECT_FALSE(migrate(identity));
+        EXPECT_EQ(carried(), decltype(carried()){});
+        expectLegacyGone();
+    }
+}
+
+TEST_F(LegacyIdentityMigratorTest, ValuesOfTheWrongTypeAreSkippedOneByOne) {
+    plant({.archive = VMKAnonymousIdentity(std::nullopt, std::nullopt).archivedData(),
+           .guid = "G",
+           .oauth = 12,
+           .userId = "12",
+           .pushToken = Data::fromString("raw")});
+    EXPECT_TRUE(migrate(Identity::createAnonymous()));
+    EXPECT_EQ(carried(), std::tuple(std::optional<std::string>(), std::optional<std::int64_t>(),
+                                    std::optional<std::string>("G"), std::optional<std::string>()));
+    expectLegacyGone();
+}
+
+TEST(KeyedArchiveTest, TheWrittenShapeIsTheRuntimesAndMutableStringsAndNullsRead) {
+    const auto top =
+        *platform::decodeBinaryPropertyList(VMKAnonymousIdentity("N", std::nullopt).archivedData())
+             ->getIf<Dictionary>();
+    EXPECT_EQ(top.at("$archiver"), PropertyValue("NSKeyedArchiver"));
+    EXPECT_EQ(top.at("$top"), PropertyValue(Dictionary{{"root", PropertyUid{1}}}));
+    const auto& objects = *top.at("$objects").getIf<Array>();
+    EXPECT_EQ(objects.at(0), PropertyValue("$null"));
+    EXPECT_EQ(objects.at(1).getIf<Dictionary>()->at("email"), PropertyValue(PropertyUid{0}));
+
+    // A mutable string is archived as an object of its own class.
+    const auto mutableName = archive(
+        {"$null", Dictionary{{"$class", PropertyUid{4}}, {"name", PropertyUid{2}}, {"email", PropertyUid{0}}},
+         Dictionary{{"NS.string", "Ann"}, {"$class", PropertyUid{3}}}, classRecord("NSMutableString"),
+         classRecord("VMKAnonymousIdentity")});
+    const auto identity = VMKIdentity::unarchiveObjectWithData(mutableName);
+    const auto* anonymous = dynamic_cast<const VMKAnonymousIdentity*>(identity.get());
+    ASSERT_NE(anonymous, nullptr);
+    EXPECT_EQ(anonymous->name, "Ann");
+    EXPECT_EQ(anonymous->email, std::nullopt);
+}
+
+TEST(KeyedArchiveTest, MalformedArchivesReadAsNoIdentity) {
+    const auto good = VMKJwtIdentity("T").archivedData();
+    ASSERT_NE(VMKIdentity::unarchiveObjectWithData(good), nullptr);
+
+    const std::pair<const char*, Data> broken[] = {
+        {"truncated", Data(good.data(), good.size() / 2)},
+        {"empty", Data()},
+        {"not a property list", Data::fromString("NSKeyedArchiver token T")},
+        {"foreign class", archive({"$null", Dictionary{{"$class", PropertyUid{3}}, {"token", PropertyUid{2}}},
+                                   "T", classRecord("NSDate")})},
+        {"class record is the root itself",
+         archive({"$null", Dictionary{{"$class", PropertyUid{1}}, {"token", "T"}}})},
+        {"dangling member",
+         archive({"$null", Dictionary{{"$class", PropertyUid{2}}, {"token", PropertyUid{99}}},
+                  classRecord("VMKJwtIdentity")})},
+        {"root out of range", archive({"$null"}, PropertyUid{5})},
+        {"root not a reference", archive({"$null", classRecord("VMKJwtIdentity")}, "root")},
+        {"another archiver",
+         archive({"$null", Dictionary{{"$class", PropertyUid{2}}}, classRecord("VMKJwtIdentity")},
+                 PropertyUid{1}, "NSArchiver")},
+        {"class name not text",
+         archive({"$null", Dictionary{{"$class", PropertyUid{2}}}, Dictionary{{"$classname", 5}}})},
+        {"objects not an array",
+         platform::encodeBinaryPropertyList(Dictionary{{"$archiver", "NSKeyedArchiver"},
+                                                       {"$top", Dictionary{{"root", PropertyUid{1}}}},
+                                                       {"$objects", Dictionary{}}})},
+    };
+    for (const auto& [what, bytes] : broken) {
+        EXPECT_EQ(VMKIdentity::unarchiveObjectWithData(bytes), nullptr) << what;
+    }
+
+    // A string whose NS.string refers back to itself ends instead of looping.
+    const auto loop = archive({"$null", Dictionary{{"$class", PropertyUid{3}}, {"token", PropertyUid{2}}},
+                               Dictionary{{"NS.string", PropertyUid{2}}}, classRecord("VMKJwtIdentity")});
+    const auto looped = VMKIdentity::unarchiveObjectWithData(loop);
+    ASSERT_NE(looped, nullptr);
+    EXPECT_EQ(dynamic_cast<const VMKJwtIdentity&>(*looped).token, std::nullopt);
+}
+
+// Every seed and every input a fuzzer once crashed on goes through its target again; the targets abort on a
+// broken invariant and the sanitizer builds catch memory errors.
+TEST(FuzzRegressionTest, SeedsAndFormerFindingsAllPassTheirTargets) {
+    std::size_t replayed = 0;
+    for (const char* set : {"corpus", "regressions"}) {
+        for (const auto& directory : fs::directory_iterator(fs::path(VELMORA_FUZZ_DIR) / set)) {
+            const auto target = fuzz::targetNamed(directory.path().filename().string());
+            ASSERT_NE(target, nullptr) << "no fuzz target for " << directory.path();
+            for (const auto& input : fs::directory_iterator(directory.path())) {
+                if (!input.path().filename().string().starts_with(".")) {
+                    const auto bytes = readFile(input.path());
+                    target(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+                    ++replayed;
+                }
+            }
+        }
+    }
+    EXPECT_GE(replayed, 22u) << "the seed corpora went missing";
 }
 
 }  // namespace

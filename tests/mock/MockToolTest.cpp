@@ -135,12 +135,14 @@ TEST_F(MockToolTest, ScriptedAnswersFromTheFileAndTheAdminCallAreUsedInOrderAsOf
     EXPECT_EQ(call(url, "GET", me, "", token).status, 200) << "a refused array adds none of its answers";
 }
 
-TEST_F(MockToolTest, TheRequestLogAndStateAreReadOverHttpAndInTheLogFileAndResetGoesBackToTheStart) {
+// The state loaded from its file, the request log over HTTP and in the log file, a reset back to the start,
+// then the state saved whole on SIGTERM, read back by the next start and saved again on SIGINT.
+TEST_F(MockToolTest, TheStateAndRequestLogAreReadOverHttpResetGoesBackAndSignalsSaveTheState) {
     const json initial = {{"users", {{"1000", {{"id", 1000}, {"name", "Bo"}}}}},
                           {"tokens", {{"token-2", 1000}}}};
-    std::ofstream(root / "state.json") << initial.dump();
-    auto& mock =
-        start({"--port", "0", "--state", (root / "state.json").string(), "--log", (root / "log").string()});
+    const auto stateFile = (root / "state.json").string();
+    std::ofstream(stateFile) << initial.dump();
+    auto& mock = start({"--port", "0", "--state", stateFile, "--log", (root / "log").string()});
     const auto url = mock.url();
     ASSERT_FALSE(url.empty()) << readFile(mock.err);
     EXPECT_EQ(call(url, "GET", me, "", "token-2").body["user"]["name"], "Bo");
@@ -167,6 +169,21 @@ TEST_F(MockToolTest, TheRequestLogAndStateAreReadOverHttpAndInTheLogFileAndReset
     EXPECT_EQ(json({state["users"], state["tokens"]}), json({initial["users"], initial["tokens"]}));
     EXPECT_EQ(call(url, "GET", "/__mock/requests").body, json::array());
     EXPECT_EQ(call(url, "GET", me, "", token).status, 401) << "Ann went with the reset";
+
+    const auto cy = login(url, "Cy");
+    EXPECT_EQ(mock.exitCode(SIGTERM), 0) << readFile(mock.err);
+    EXPECT_FALSE(std::filesystem::exists(stateFile + ".tmp"));
+    auto saved = json::parse(readFile(stateFile), nullptr, false);
+    ASSERT_TRUE(saved.is_object()) << readFile(stateFile);
+    EXPECT_EQ(saved["users"].size(), 2u);
+    saved["note"] = "a key the server does not know";
+    std::ofstream(stateFile) << saved.dump();
+    auto& second = start({"--port", "0", "--state", stateFile});
+    const auto again = second.url();
+    ASSERT_FALSE(again.empty()) << readFile(second.err);
+    EXPECT_EQ(call(again, "GET", me, "", cy).body["user"]["name"], "Cy") << "the user and token came back";
+    EXPECT_EQ(second.exitCode(SIGINT), 0) << readFile(second.err);
+    EXPECT_EQ(json::parse(readFile(stateFile), nullptr, false), saved) << "nothing it held was dropped";
 }
 
 TEST_F(MockToolTest, APortInUseABadStateFileOrAUsageErrorStopsItWithStatusTwo) {
@@ -203,29 +220,6 @@ TEST_F(MockToolTest, APortInUseABadStateFileOrAUsageErrorStopsItWithStatusTwo) {
         EXPECT_NE(readFile(mock.err).find("usage: velmora-mock [--port PORT]"), std::string::npos)
             << wrong[0];
     }
-}
-
-TEST_F(MockToolTest, TheStateIsSavedWholeOnSigtermAndSigintAndReadBackByTheNextStart) {
-    const auto stateFile = (root / "account.json").string();
-    auto& first = start({"--port", "0", "--state", stateFile});
-    const auto url = first.url();
-    ASSERT_FALSE(url.empty()) << readFile(first.err);
-    const auto token = login(url, "Ann");
-    EXPECT_EQ(first.exitCode(SIGTERM), 0) << readFile(first.err);
-    EXPECT_FALSE(std::filesystem::exists(stateFile + ".tmp"));
-
-    auto saved = json::parse(readFile(stateFile), nullptr, false);
-    ASSERT_TRUE(saved.is_object()) << readFile(stateFile);
-    EXPECT_EQ(saved["users"].size(), 1u);
-    saved["note"] = "a key the server does not know";
-    std::ofstream(stateFile) << saved.dump();
-    auto& second = start({"--port", "0", "--state", stateFile});
-    const auto again = second.url();
-    ASSERT_FALSE(again.empty()) << readFile(second.err);
-    EXPECT_EQ(call(again, "GET", me, "", token).body["user"]["name"], "Ann")
-        << "the user and token came back";
-    EXPECT_EQ(second.exitCode(SIGINT), 0) << readFile(second.err);
-    EXPECT_EQ(json::parse(readFile(stateFile), nullptr, false), saved) << "nothing it held was dropped";
 }
 
 }  // namespace

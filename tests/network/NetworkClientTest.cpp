@@ -103,7 +103,7 @@ class NetworkClientTest : public LibraryTest {
     DispatchQueue callbackQueue{"com.velmora.tests.callbacks"};
 };
 
-TEST_F(NetworkClientTest, ChunksArriveWholeWhileResponseInterceptorsSeeEachOne) {
+TEST_F(NetworkClientTest, ChunksArriveWholeWhileResponseInterceptorsSeeEachOneAndNothingWithoutAResponse) {
     server.script("GET", "/chunks", {.status = 200, .chunks = {"[1,", "2,", "3]"}, .chunkDelay = 250ms});
     const auto counting = std::make_shared<CountingResponseInterceptor>();
     const auto outcome = perform(service("/chunks", HttpMethod::get, {}, {counting}));
@@ -114,6 +114,11 @@ TEST_F(NetworkClientTest, ChunksArriveWholeWhileResponseInterceptorsSeeEachOne) 
     callbackQueue.sync([] {});  // the handler is removed right after the completion, in the same block
     EXPECT_EQ(NetworkClient::defaultClient().taskHandlerManager().count(), 0u)
         << "the handler goes once completed";
+
+    details = std::make_shared<ApplicationConfiguration>("app", "client-7", "http://127.0.0.1:1");
+    const auto refused = perform(service("/chunks", HttpMethod::get, {}, {counting}));
+    EXPECT_TRUE(refused.error && !refused.response);
+    EXPECT_EQ(counting->chunks.size(), 3u) << "a transport error before any response is not intercepted";
 }
 
 TEST_F(NetworkClientTest, A401InThreeChunksClearsTheStoresThreeTimes) {

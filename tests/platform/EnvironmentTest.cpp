@@ -1,25 +1,32 @@
+// The host environment: directories, locale and kernel readings, files, and notifications.
 #include "velmora/platform/Environment.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
+#include <fstream>
+
+#include "tests/support/LibraryTest.h"
 #include "velmora/platform/DeviceFacts.h"
+#include "velmora/platform/FileManager.h"
+#include "velmora/platform/NotificationCenter.h"
 
 namespace velmora::testing {
 namespace {
 
-using platform::DeviceFacts;
 using platform::Environment;
-using platform::languageTagFromLocale;
+using platform::FileManager;
+using platform::Notification;
+using platform::NotificationCenter;
+namespace fs = std::filesystem;
 
 // Each test runs in a process of its own, so changing the process environment here touches no other test.
-
 TEST(EnvironmentTest, LinuxDefaultsFollowTheXdgBaseDirectories) {
     ::setenv("HOME", "/home/ada", 1);
     ::unsetenv("XDG_DATA_HOME");
     ::setenv("XDG_CACHE_HOME", "/var/cache/ada", 1);
     ::setenv("XDG_DOCUMENTS_DIR", "relative/ignored", 1);
-
     const auto env = Environment::linuxDefaults("velmora-cli");
     EXPECT_EQ(env.dataDirectory, "/home/ada/.local/share/velmora-cli");
     EXPECT_EQ(env.cachesDirectory, "/var/cache/ada/velmora-cli");
@@ -28,16 +35,15 @@ TEST(EnvironmentTest, LinuxDefaultsFollowTheXdgBaseDirectories) {
     ::unsetenv("HOME");
     ::unsetenv("XDG_CACHE_HOME");
     const auto homeless = Environment::linuxDefaults("velmora-cli");
-    EXPECT_FALSE(homeless.cachesDirectory.has_value());
-    EXPECT_FALSE(homeless.dataDirectory.has_value());
+    EXPECT_FALSE(homeless.cachesDirectory.has_value() || homeless.dataDirectory.has_value());
 }
 
 TEST(EnvironmentTest, PreferredLanguagesComeFromTheLocaleSettingsInPriorityOrder) {
-    EXPECT_EQ(languageTagFromLocale("en_US.UTF-8"), "en-US");
-    EXPECT_EQ(languageTagFromLocale("de_DE@euro"), "de-DE");
-    EXPECT_EQ(languageTagFromLocale("pt"), "pt");
-    EXPECT_EQ(languageTagFromLocale("C.UTF-8"), std::nullopt);
-    EXPECT_EQ(languageTagFromLocale("POSIX"), std::nullopt);
+    const std::pair<const char*, std::optional<std::string>> tags[] = {
+        {"en_US.UTF-8", "en-US"}, {"de_DE@euro", "de-DE"}, {"pt", "pt"}, {"C.UTF-8", {}}, {"POSIX", {}}};
+    for (const auto& [locale, tag] : tags) {
+        EXPECT_EQ(platform::languageTagFromLocale(locale), tag) << locale;
+    }
 
     platform::LinuxDeviceFacts facts;
     ::setenv("LANGUAGE", "fr_CA:fr::en_US", 1);
@@ -45,7 +51,6 @@ TEST(EnvironmentTest, PreferredLanguagesComeFromTheLocaleSettingsInPriorityOrder
     ::setenv("LC_MESSAGES", "en_US.UTF-8", 1);
     ::setenv("LANG", "nl_NL.UTF-8", 1);
     EXPECT_EQ(facts.preferredLanguages(), (std::vector<std::string>{"fr-CA", "fr", "en-US"}));
-
     ::unsetenv("LANGUAGE");
     ::unsetenv("LC_MESSAGES");
     ::setenv("LANG", "C", 1);
@@ -53,11 +58,68 @@ TEST(EnvironmentTest, PreferredLanguagesComeFromTheLocaleSettingsInPriorityOrder
 }
 
 TEST(EnvironmentTest, TheKernelReadingsAreThoseOfARunningProcess) {
-    const auto linux = DeviceFacts::current();
+    const auto linux = platform::DeviceFacts::current();
     EXPECT_FALSE(linux->systemName().empty());
-    EXPECT_GT(linux->physicalMemoryBytes().value_or(0), 0u);
     EXPECT_GT(linux->residentMemoryBytes().value_or(0), 0u);
-    EXPECT_LT(*linux->residentMemoryBytes(), *linux->physicalMemoryBytes());
+    EXPECT_LT(*linux->residentMemoryBytes(), linux->physicalMemoryBytes().value_or(0));
+}
+
+// Creating directories is covered where the user defaults make theirs (permissions, a file in the way).
+using FileManagerTest = LibraryTest;
+
+TEST_F(FileManagerTest, FileListingsSkipHiddenEntriesRemovalTakesEverythingAndFailuresAreReadable) {
+    const auto dir = root / "listing";
+    fs::create_directories(dir / "sub" / "deep");
+    fs::create_directories(dir / ".git");
+    for (const char* name : {"a.txt", ".hidden", "sub/deep/b.txt"}) {
+        std::ofstream(dir / name) << "x";
+    }
+    auto names = FileManager::contentsOfDirectory(dir).value();
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<fs::path>{dir / "a.txt", dir / "sub"}));
+    EXPECT_EQ(FileManager::removeItem(dir), std::nullopt);
+    EXPECT_FALSE(fs::exists(dir));
+    EXPECT_EQ(FileManager::removeItem(dir), std::nullopt) << "removing what is gone already is no failure";
+
+    const auto missing = FileManager::contentsOfDirectory(dir).error();
+    EXPECT_EQ(missing.domain(), "NSPOSIXErrorDomain");
+    EXPECT_EQ(missing.code(), ENOENT);
+    std::ofstream(root / "file") << "x";
+    EXPECT_EQ(FileManager::contentsOfDirectory(root / "file").error().localizedDescription(),
+              "Could not view \u201cfile\u201d: Not a directory.");
+}
+
+TEST(NotificationCenterTest, DeliversByNameInOrderAndStopsAfterRemoval) {
+    NotificationCenter center;
+    std::vector<std::string> seen;
+    const auto named = center.addObserver("velmoraNotInitialised", [&](const Notification& n) {
+        seen.push_back("named:" + n.name + ":" + n.userInfo.value("why", std::string()));
+    });
+    center.addObserver("", [&](const Notification& n) { seen.push_back("all:" + n.name); });
+    center.post("velmoraNotInitialised", {}, {{"why", "no instance"}});
+    center.post("other");
+    center.removeObserver(named);
+    center.post("velmoraNotInitialised");
+    EXPECT_EQ(seen, (std::vector<std::string>{"named:velmoraNotInitialised:no instance",
+                                              "all:velmoraNotInitialised", "all:other",
+                                              "all:velmoraNotInitialised"}));
+}
+
+TEST(NotificationCenterTest, ObserversMayRemoveThemselvesAndPostWhileBeingNotified) {
+    NotificationCenter center;
+    int once = 0;
+    int echoes = 0;
+    NotificationCenter::ObserverToken self = 0;
+    self = center.addObserver("ping", [&](const Notification&) {
+        ++once;
+        center.removeObserver(self);
+        center.post("echo");
+    });
+    center.addObserver("echo", [&](const Notification&) { ++echoes; });
+    center.post("ping");
+    center.post("ping");
+    EXPECT_EQ(once, 1);
+    EXPECT_EQ(echoes, 1);
 }
 
 }  // namespace

@@ -20,48 +20,32 @@ namespace fs = std::filesystem;
 class UserDefaultsTest : public LibraryTest {
   protected:
     fs::path file() const { return *environment.dataDirectory / "UserDefaults.sqlite"; }
+    std::optional<PropertyValue> persisted(const std::string& suite, const std::string& key) const {
+        return persistedValue(file(), suite, key);
+    }
 
     static PropertyValue everyKind() {
+        // clang-format off
         return PropertyValue::Dictionary{
-            {"string", "caf\u00e9 \u2615"},
-            {"data", Data::fromString(std::string("\0\x01\xff", 3))},
+            {"string", "caf\u00e9 \u2615"}, {"data", Data::fromString(std::string("\0\x01\xff", 3))},
             {"date", Date::fromMillisecondsSince1970(1'795'289'368'005)},
             {"old date", Date::fromMillisecondsSince1970(-86'400'123)},
             {"just before 2001", Date::fromMillisecondsSince1970(978'307'199'500)},
-            {"zero", 0},
-            {"negative", std::int64_t{-9'007'199'254'740'993}},
-            {"large", std::int64_t{9'223'372'036'854'775'807}},
-            {"real", 0.1},
-            {"true", true},
+            {"zero", 0}, {"negative", std::int64_t{-9'007'199'254'740'993}},
+            {"large", std::int64_t{9'223'372'036'854'775'807}}, {"real", 0.1}, {"true", true},
             {"false", false},
             {"array", PropertyValue::Array{1, "two", PropertyValue::Array{}, PropertyValue::Dictionary{}}},
-            {"nested", PropertyValue::Dictionary{{"inner", PropertyValue::Dictionary{{"deep", 3.5}}}}},
-        };
+            {"nested", PropertyValue::Dictionary{{"inner", PropertyValue::Dictionary{{"deep", 3.5}}}}}};
+        // clang-format on
     }
 };
 
-TEST_F(UserDefaultsTest, EveryPropertyListKindRoundTripsThroughTheDisk) {
+// Written by another process that is then killed, so that what is read can only have come from the file.
+TEST_F(UserDefaultsTest, AKilledProcessLeavesExactlyTheSynchronizedValuesOfEveryKind) {
     const auto expected = everyKind();
-    // Written by another process, so that what the parent reads can only have come from the file.
-    ASSERT_EQ(runInChild([&] {
-                  const auto suite = UserDefaults::suite("com.velmora.tests.kinds");
-                  suite->set("value", expected);
-                  std::_Exit(suite->synchronize() ? 0 : 1);
-              }),
-              0);
-    const auto reopened = UserDefaults::suite("com.velmora.tests.kinds");
-    EXPECT_EQ(reopened->object("value"), expected);
-
-    struct stat info {};
-    ASSERT_EQ(::stat(file().c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0600u);
-    ASSERT_EQ(::stat(file().parent_path().c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0700u);
-}
-
-TEST_F(UserDefaultsTest, AKilledProcessLeavesExactlyTheSynchronizedValues) {
-    const int status = runInChild([] {
+    const int status = runInChild([&] {
         const auto suite = UserDefaults::suite("com.velmora.tests.kill");
+        suite->set("value", expected);
         suite->set("kept", "synchronized");
         suite->set("overwritten", 1);
         if (!suite->synchronize()) {
@@ -75,9 +59,11 @@ TEST_F(UserDefaultsTest, AKilledProcessLeavesExactlyTheSynchronizedValues) {
     ASSERT_EQ(status, 128 + SIGKILL);
 
     const auto suite = UserDefaults::suite("com.velmora.tests.kill");
+    EXPECT_EQ(suite->object("value"), expected);
     EXPECT_EQ(suite->object("kept"), PropertyValue("synchronized"));
     EXPECT_EQ(suite->object("overwritten"), PropertyValue(1));
     EXPECT_EQ(suite->object("lost"), std::nullopt);
+    EXPECT_EQ(fs::status(file().parent_path()).permissions() & fs::perms::all, fs::perms::owner_all);
 }
 
 TEST_F(UserDefaultsTest, ChangesAreSharedAtOnceButReachTheDiskOnlyThroughSynchronize) {
@@ -85,10 +71,9 @@ TEST_F(UserDefaultsTest, ChangesAreSharedAtOnceButReachTheDiskOnlyThroughSynchro
     const auto reader = UserDefaults::suite("com.velmora.tests.view");
     writer->set("key", "value");
     EXPECT_EQ(reader->object("key"), PropertyValue("value"));
-    EXPECT_EQ(persistedValue(file(), "com.velmora.tests.view", "key"), std::nullopt);
-
+    EXPECT_EQ(persisted("com.velmora.tests.view", "key"), std::nullopt);
     EXPECT_TRUE(reader->synchronize()) << "any handle on the suite synchronizes its changes";
-    EXPECT_EQ(persistedValue(file(), "com.velmora.tests.view", "key"), PropertyValue("value"));
+    EXPECT_EQ(persisted("com.velmora.tests.view", "key"), PropertyValue("value"));
 
     // Nothing pending: the file is not touched.
     struct stat before {};
@@ -104,7 +89,7 @@ TEST_F(UserDefaultsTest, ChangesAreSharedAtOnceButReachTheDiskOnlyThroughSynchro
     writer->removeObject("key");
     EXPECT_EQ(reader->object("key"), std::nullopt);
     EXPECT_TRUE(writer->synchronize());
-    EXPECT_EQ(persistedValue(file(), "com.velmora.tests.view", "key"), std::nullopt);
+    EXPECT_EQ(persisted("com.velmora.tests.view", "key"), std::nullopt);
 }
 
 TEST_F(UserDefaultsTest, RemovingADomainDeletesOnlyThatSuiteInMemoryAndOnDisk) {
@@ -119,19 +104,18 @@ TEST_F(UserDefaultsTest, RemovingADomainDeletesOnlyThatSuiteInMemoryAndOnDisk) {
     kept->removePersistentDomain("com.velmora.tests.doomed");
     EXPECT_EQ(doomed->object("a"), std::nullopt);
     EXPECT_EQ(doomed->object("b"), std::nullopt);
-    EXPECT_EQ(persistedValue(file(), "com.velmora.tests.doomed", "a"), std::nullopt);
+    EXPECT_EQ(persisted("com.velmora.tests.doomed", "a"), std::nullopt);
     EXPECT_TRUE(doomed->synchronize());
-    EXPECT_EQ(persistedValue(file(), "com.velmora.tests.doomed", "b"), std::nullopt)
-        << "a pending change of a removed domain must not come back";
+    EXPECT_EQ(persisted("com.velmora.tests.doomed", "b"), std::nullopt)
+        << "a removed domain's pending change";
     EXPECT_EQ(kept->object("a"), PropertyValue(1));
-    EXPECT_EQ(persistedValue(file(), "com.velmora.tests.kept", "a"), PropertyValue(1));
+    EXPECT_EQ(persisted("com.velmora.tests.kept", "a"), PropertyValue(1));
 }
 
 TEST_F(UserDefaultsTest, ThreadsSynchronizingDifferentSuitesBothPersist) {
-    constexpr int rounds = 200;
-    auto writer = [](std::string suiteName) {
+    const auto writer = [](std::string suiteName) {
         const auto suite = UserDefaults::suite(suiteName);
-        for (int i = 0; i < rounds; ++i) {
+        for (int i = 0; i < 200; ++i) {
             suite->set("counter", i);
             suite->set("key-" + std::to_string(i % 7), suiteName);
             ASSERT_TRUE(suite->synchronize());
@@ -142,13 +126,14 @@ TEST_F(UserDefaultsTest, ThreadsSynchronizingDifferentSuitesBothPersist) {
     first.join();
     second.join();
     for (const char* suite : {"com.velmora.tests.first", "com.velmora.tests.second"}) {
-        EXPECT_EQ(persistedValue(file(), suite, "counter"), PropertyValue(rounds - 1)) << suite;
-        EXPECT_EQ(persistedValue(file(), suite, "key-6"), PropertyValue(suite));
+        EXPECT_EQ(persisted(suite, "counter"), PropertyValue(199)) << suite;
+        EXPECT_EQ(persisted(suite, "key-6"), PropertyValue(suite));
     }
 }
 
-TEST_F(UserDefaultsTest, AFileThatIsNotADatabaseIsMovedAsideAndAFreshOneUsed) {
-    ::umask(022);  // a host's usual mask: whatever the library creates must still be the owner's alone
+// Under a host's usual umask of 022, whatever the library creates is still the owner's alone.
+TEST_F(UserDefaultsTest, AFileThatIsNotADatabaseIsMovedAsideAndAFreshPrivateOneUsed) {
+    ::umask(022);
     fs::create_directories(file().parent_path());
     {
         std::mt19937 random(11);
@@ -161,7 +146,7 @@ TEST_F(UserDefaultsTest, AFileThatIsNotADatabaseIsMovedAsideAndAFreshOneUsed) {
     EXPECT_EQ(suite->object("anything"), std::nullopt);
     suite->set("fresh", true);
     EXPECT_TRUE(suite->synchronize());
-    EXPECT_EQ(persistedValue(file(), "com.velmora.tests.corrupt", "fresh"), PropertyValue(true));
+    EXPECT_EQ(persisted("com.velmora.tests.corrupt", "fresh"), PropertyValue(true));
 
     const auto reports =
         logs->linesStartingWith("UserDefaults error: " + file().string() + " is not a valid database");

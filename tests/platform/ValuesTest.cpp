@@ -1,24 +1,38 @@
+// Values and their text forms: results and errors, formats, Base64, UUIDs, dates and binary property lists.
 #include <gtest/gtest.h>
 
+#include <random>
+#include <regex>
+#include <set>
 #include <string>
+#include <vector>
 
+#include "tests/support/Printers.h"
+#include "velmora/platform/Base64.h"
+#include "velmora/platform/DateFormatter.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/Error.h"
 #include "velmora/platform/Format.h"
+#include "velmora/platform/PropertyList.h"
 #include "velmora/platform/Result.h"
+#include "velmora/platform/Uuid.h"
+#include "velmora/support/DateStringParser.h"
 
 namespace velmora::testing {
 namespace {
 
+using platform::base64Decode;
+using platform::base64Encode;
+using platform::decodeBinaryPropertyList;
 using platform::format;
 
 TEST(ResultTest, MapAndFlatMapTransformSuccessesAndPassErrorsThrough) {
     const auto failure = Error("com.velmora.tests", 7);
     const auto ok = Result<int>::success(20);
     const auto bad = Result<int>::error(failure);
-
-    EXPECT_EQ(ok.map([](int v) { return std::to_string(v * 2); }).value(), "40");
-    EXPECT_EQ(bad.map([](int v) { return std::to_string(v * 2); }).error(), failure);
+    const auto twice = [](int v) { return std::to_string(v * 2); };
+    EXPECT_EQ(ok.map(twice).value(), "40");
+    EXPECT_EQ(bad.map(twice).error(), failure);
 
     const auto half = [](int v) {
         return v % 2 == 0 ? Result<int>::success(v / 2) : Result<int>::error(Error("com.velmora.tests", 1));
@@ -41,19 +55,146 @@ TEST(ErrorTest, TheDescriptionShowsDomainCodeAndUserInfoAndOnlyADictionaryIsUser
     EXPECT_EQ(described.description(),
               "Error Domain=com.velmora.sdk.core Code=2000 \"not found\" "
               "UserInfo={\"HTTP Status code\":404,\"NSLocalizedDescription\":\"not found\"}");
-
-    // User info that is not a dictionary cannot be honoured; it is dropped rather than kept half-usable.
-    EXPECT_TRUE(Error("d", 1, nlohmann::json::array({1, 2})).userInfo().empty());
+    EXPECT_TRUE(Error("d", 1, nlohmann::json::array({1, 2})).userInfo().empty())
+        << "dropped, not kept half-usable";
 }
 
 TEST(FormatTest, ArgumentsReplacePlaceholdersInOrderAndStayLiteral) {
-    // A placeholder inside an argument is not expanded again.
-    EXPECT_EQ(format("a %@ b %@", "%@", "x"), "a %@ b x");
+    EXPECT_EQ(format("a %@ b %@", "%@", "x"), "a %@ b x") << "a placeholder inside an argument stays";
     EXPECT_EQ(format("%@%@", 12, true), "12true");
     EXPECT_EQ(format("ratio %@", 1.5), "ratio 1.5");
     EXPECT_EQ(format("missing %@ and %@", "one"), "missing one and (null)");
     EXPECT_EQ(format("100%% of %@, 50% kept", "it"), "100% of it, 50% kept");
     EXPECT_EQ(format("trailing %"), "trailing %");
+}
+
+TEST(Base64Test, MatchesTheRfc4648VectorsBothWaysRoundTripsEveryByteAndRejectsMalformedText) {
+    const char* vectors[] = {"", "Zg==", "Zm8=", "Zm9v", "Zm9vYg==", "Zm9vYmE=", "Zm9vYmFy"};  // of "foobar"
+    for (std::size_t length = 0; length < 7; ++length) {
+        const auto plain = std::string("foobar").substr(0, length);
+        EXPECT_EQ(base64Encode(std::string_view(plain)), vectors[length]);
+        EXPECT_EQ(base64Decode(vectors[length]).value_or(Data::fromString("?")).toString(), plain);
+    }
+    std::string all;
+    for (int i = 0; i < 256; ++i) {
+        all += static_cast<char>(i);
+    }
+    for (std::size_t length = 0; length <= all.size(); length += 37) {
+        const auto slice = all.substr(all.size() - length);
+        EXPECT_EQ(base64Decode(base64Encode(slice))->toString(), slice);
+    }
+    for (const char* bad :
+         {"Zg=", "Zg", "Zg=a", "Z===", "====", "Zm9v YmFy", "Zm9v\nYmFy", "Zm9-", "Zm9v====", "Zg==Zg=="}) {
+        EXPECT_FALSE(base64Decode(bad).has_value()) << bad;
+    }
+}
+
+TEST(UuidTest, IsUpperCaseVersion4TextAndFreshEachTime) {
+    const std::regex shape("^[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}$");
+    std::set<std::string> seen;
+    for (int i = 0; i < 2000; ++i) {
+        const auto uuid = platform::uuidString();
+        ASSERT_TRUE(std::regex_match(uuid, shape)) << uuid;
+        seen.insert(uuid);
+    }
+    EXPECT_EQ(seen.size(), 2000u);
+}
+
+TEST(DateFormatterTest, FormatsInGmtParsesWhatItFormatsAndRejectsTextOffThePattern) {
+    const auto& millis = DateStringParser::withMilliseconds();
+    const auto& seconds = DateStringParser::withoutMilliseconds();
+    const auto date = Date::fromMillisecondsSince1970(1'795'289'368'005);
+    EXPECT_EQ(millis.string(date), "2026-11-21T19:29:28.005Z");
+    EXPECT_EQ(seconds.string(date), "2026-11-21T19:29:28Z");
+    EXPECT_EQ(millis.string(Date::fromMillisecondsSince1970(0)), "1970-01-01T00:00:00.000Z");
+    EXPECT_EQ(millis.string(Date::fromMillisecondsSince1970(-1)), "1969-12-31T23:59:59.999Z");
+    EXPECT_EQ(seconds.string(Date::fromMillisecondsSince1970(951'782'400'000)), "2000-02-29T00:00:00Z");
+
+    std::mt19937_64 random(7);
+    std::uniform_int_distribution<std::int64_t> range(-2'208'988'800'000, 4'102'444'800'000);  // 1900..2100
+    for (int i = 0; i < 5000; ++i) {
+        const auto any = Date::fromMillisecondsSince1970(range(random));
+        ASSERT_EQ(millis.date(millis.string(any)), any) << millis.string(any);
+    }
+    EXPECT_EQ(seconds.date("2024-02-29T23:59:59Z"), Date::fromMillisecondsSince1970(1'709'251'199'000));
+
+    // Trailing text, no Z, a space for T, milliseconds where none belong, a short field, month 13, 29
+    // February of a common year and of a century, 31 April, hour 24, minute 60, a sign in a field.
+    for (const char* bad : {"2026-11-21T19:29:28Z ", "2026-11-21T19:29:28", "2026-11-21 19:29:28Z",
+                            "2026-11-21T19:29:28.005Z", "2026-11-1T19:29:28Z", "2026-13-01T00:00:00Z",
+                            "2026-02-29T00:00:00Z", "1900-02-29T00:00:00Z", "2026-04-31T00:00:00Z",
+                            "2026-11-21T24:00:00Z", "2026-11-21T19:60:00Z", "+026-11-21T19:29:28Z", ""}) {
+        EXPECT_FALSE(seconds.date(bad).has_value()) << bad;
+    }
+    EXPECT_FALSE(millis.date("2026-11-21T19:29:28.05Z").has_value());
+    EXPECT_FALSE(millis.date("2026-11-21T19:29:28Z").has_value());
+}
+
+// Assembles a binary property list from raw objects, one-byte offsets and references, top object 0.
+Data bplist(const std::vector<std::string>& objects) {
+    std::string out = "bplist00";
+    std::string offsets;
+    for (const auto& object : objects) {
+        offsets += static_cast<char>(out.size());
+        out += object;
+    }
+    const auto tableOffset = out.size();
+    out += offsets + std::string(6, '\0') + "\x01\x01";  // offset and reference sizes
+    for (const std::size_t value : {objects.size(), std::size_t{0}, tableOffset}) {
+        for (int shift = 56; shift >= 0; shift -= 8) {
+            out += static_cast<char>((value >> shift) & 0xFF);
+        }
+    }
+    return Data::fromString(out);
+}
+
+std::string utf16(std::initializer_list<unsigned> units) {
+    std::string out(1, static_cast<char>(0x60 | units.size()));
+    for (const unsigned unit : units) {
+        out += static_cast<char>(unit >> 8);
+        out += static_cast<char>(unit & 0xFF);
+    }
+    return out;
+}
+
+TEST(PropertyListTest, ReadsWhatTheWriterWritesAndWellFormedHandMadeLists) {
+    const PropertyValue text = PropertyValue::Dictionary{{"k\u00e9y", "\u00e9t\u00e9 \U0001F600"}};
+    EXPECT_EQ(decodeBinaryPropertyList(platform::encodeBinaryPropertyList(text)), text);
+    EXPECT_EQ(decodeBinaryPropertyList(bplist({utf16({0x00E9, 0xD83D, 0xDE00})})),
+              PropertyValue("\u00e9\U0001F600"));
+    EXPECT_EQ(decodeBinaryPropertyList(bplist({"\xA2\x01\x01", "\x10\x07"})),
+              PropertyValue(PropertyValue::Array{7, 7}))
+        << "a shared object referenced twice is not a cycle";
+    EXPECT_EQ(decodeBinaryPropertyList(bplist({std::string("\x13\xff\xff\xff\xff\xff\xff\xff\xfe", 9)})),
+              PropertyValue(std::int64_t{-2}));
+}
+
+TEST(PropertyListTest, MalformedListsAreRefusedInsteadOfCrashingOrLooping) {
+    std::vector<std::string> laughs;
+    for (int level = 0; level < 60; ++level) {
+        laughs.push_back(std::string("\xA2") + static_cast<char>(level + 1) + static_cast<char>(level + 1));
+    }
+    laughs.push_back("\x09");
+
+    const std::pair<const char*, Data> broken[] = {
+        {"array containing itself", bplist({std::string("\xA1\x00", 2)})},
+        {"dictionary whose value is itself", bplist({std::string("\xD1\x01\x00", 3), "\x51k"})},
+        {"2^60 nodes through shared references", bplist(laughs)},
+        {"NUL in an ASCII string", bplist({std::string("Sa\0b", 4)})},
+        {"NUL in a UTF-16 string", bplist({utf16({0x0061, 0x0000})})},
+        {"lone high surrogate", bplist({utf16({0xD83D})})},
+        {"lone low surrogate", bplist({utf16({0xDE00, 0x0061})})},
+        {"byte above ASCII in an ASCII string", bplist({"\x51\xe9"})},
+        {"non-string dictionary key", bplist({"\xD1\x01\x01", "\x10\x01"})},
+        {"reference past the table", bplist({"\xA1\x05"})},
+        {"string running past the table", bplist({"_\x10\177abc"})},
+        {"set", bplist({"\xC1\x01", "\x09"})},
+        {"bad magic", Data::fromString("bplist01" + std::string(40, '\0'))},
+        {"too short for a trailer", Data::fromString("bplist00")},
+    };
+    for (const auto& [what, bytes] : broken) {
+        EXPECT_EQ(decodeBinaryPropertyList(bytes), std::nullopt) << what;
+    }
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <limits>
 #include <mutex>
 #include <thread>
 
@@ -81,14 +82,21 @@ TEST_F(SettingsTest, FreshnessIsStrictOnBothEndsAndAFutureStampIsStale) {
 }
 
 TEST_F(SettingsTest, BadDocumentsAndFailedCallsGiveTheDefaults) {
+    // Each fails the strict read as a whole: an unknown authentication, brand ids past the signed 64 bits.
     json unknownAuthentication = AccountServer::defaultSettings();
     unknownAuthentication["core"]["authentication"] = "saml";
     unknownAuthentication.erase("blips");
-    server.setSettings(unknownAuthentication);
-    EXPECT_EQ(fetch<CoreSettings>(), CoreSettings::defaultValue());
-    EXPECT_TRUE(logs->contains(
-        "[DEBUG]: Returning default settings for CoreSettings. Failed to decode data from network."));
-    EXPECT_FALSE(SettingsStore("app").settings().has_value()) << "undecodable answers are not stored";
+    json largest = AccountServer::defaultSettings(), past = largest;
+    largest["core"]["brand_id"] = std::numeric_limits<std::uint64_t>::max();
+    past["core"]["brand_id"] = std::uint64_t{1} << 63;
+    for (const auto& document : {unknownAuthentication, largest, past}) {
+        server.setSettings(document);
+        EXPECT_EQ(fetch<CoreSettings>(), CoreSettings::defaultValue()) << document["core"].dump();
+        EXPECT_FALSE(SettingsStore("app").settings().has_value()) << "undecodable answers are not stored";
+    }
+    EXPECT_EQ(logs->count("[DEBUG]: Returning default settings for CoreSettings. Failed to decode data "
+                          "from network."),
+              3u);
 
     json noBlips = AccountServer::defaultSettings();
     noBlips.erase("blips");

@@ -20,6 +20,7 @@
 namespace velmora::testing {
 namespace {
 
+using Dictionary = PropertyValue::Dictionary;
 constexpr const char* accountUrl = "http://127.0.0.1:9";  // never reached: nothing here makes a request
 
 pid_t forkChild(const std::function<int()>& body) {
@@ -43,25 +44,19 @@ class SharedStorageTest : public LibraryTest {
     // The anonymous name stored for `appId` as a later launch reads it; "" for no identity.
     std::string storedName(const std::string& appId) const {
         const auto stored = persistedValue(file(), std::string(IdentityStore::suite), appId);
-        const auto* dictionary = stored ? stored->getIf<PropertyValue::Dictionary>() : nullptr;
-        const auto entry = dictionary != nullptr ? dictionary->find(std::string(IdentityStore::identityKey))
-                                                 : PropertyValue::Dictionary::const_iterator();
-        if (dictionary == nullptr || entry == dictionary->end() || entry->second.getIf<Data>() == nullptr) {
+        const auto* dictionary = stored ? stored->getIf<Dictionary>() : nullptr;
+        if (dictionary == nullptr || !dictionary->contains("identity") ||
+            dictionary->at("identity").getIf<Data>() == nullptr) {
             return "";
         }
-        const auto identity = Identity::decode(*entry->second.getIf<Data>());
-        return identity.isSuccess() && identity.value().anonymous() != nullptr
-                   ? identity.value().anonymous()->name.value_or("?")
-                   : "?";
+        const auto identity = Identity::decode(*dictionary->at("identity").getIf<Data>());
+        const auto* anonymous = identity.isSuccess() ? identity.value().anonymous() : nullptr;
+        return anonymous != nullptr ? anonymous->name.value_or("?") : "?";
     }
-
     std::string storedAccount() const {
-        const auto stored =
-            persistedValue(file(), std::string(AccountStore::suite), std::string(AccountStore::accountIdKey));
-        const auto* text = stored ? stored->getIf<std::string>() : nullptr;
-        return text != nullptr ? *text : "";
+        const auto stored = persistedValue(file(), std::string(AccountStore::suite), "account-id");
+        return stored && stored->getIf<std::string>() ? *stored->getIf<std::string>() : "";
     }
-
     static std::string accountKey(const std::string& appId) {
         return *ApplicationConfiguration(appId, "client", accountUrl).base64();
     }
@@ -88,8 +83,8 @@ TEST_F(SharedStorageTest, ProcessesWritingTheSameDictionaryKeepEveryAcknowledged
         EXPECT_EQ(waitForChild(child), 0);
     }
     const auto stored = persistedValue(file(), std::string(SessionStore::suite), "app");
-    ASSERT_TRUE(stored && stored->getIf<PropertyValue::Dictionary>());
-    const auto& dictionary = *stored->getIf<PropertyValue::Dictionary>();
+    ASSERT_TRUE(stored && stored->getIf<Dictionary>());
+    const auto& dictionary = *stored->getIf<Dictionary>();
     int missing = 0;
     for (int p = 0; p < processes; ++p) {
         for (int i = 0; i < writes; ++i) {
@@ -146,7 +141,6 @@ TEST_F(SharedStorageTest, AKillAtAnyMomentLeavesTheStateBeforeOrAfterTheChange) 
     };
     constexpr int kills = 40;
     std::mt19937 random(20261123);
-    int checked = 0;
     for (int kill = 0; kill < kills; ++kill) {
         int progress[2];
         ASSERT_EQ(::pipe(progress), 0);
@@ -184,9 +178,7 @@ TEST_F(SharedStorageTest, AKillAtAnyMomentLeavesTheStateBeforeOrAfterTheChange) 
             << "killed during " << cycle[step].operation << " " << cycle[step].appId << " "
             << cycle[step].name << ": found account " << storedAccount() << ", identity '"
             << storedName(cycle[step].appId) << "'";
-        checked += 1;
     }
-    EXPECT_EQ(checked, kills);
 }
 
 TEST_F(SharedStorageTest, AChangeTheDiskRefusesKeepsTheOldIdentityAndIsReported) {

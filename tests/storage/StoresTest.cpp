@@ -6,11 +6,15 @@
 
 #include "tests/support/LibraryTest.h"
 #include "tests/support/PersistedDefaults.h"
+#include "velmora/core/AccountStorageStrategy.h"
+#include "velmora/platform/Utf8.h"
 
 namespace velmora::testing {
 namespace {
 
 using platform::UserDefaults;
+using Dictionary = PropertyValue::Dictionary;
+using Lines = std::vector<std::string>;
 namespace fs = std::filesystem;
 
 class StoresTest : public LibraryTest {
@@ -23,24 +27,22 @@ class StoresTest : public LibraryTest {
     }
 };
 
-TEST_F(StoresTest, SessionStoreWritesThroughToDiskAndLogsEachStep) {
+TEST_F(StoresTest, SessionStoreReplacesANonDictionaryWritesThroughToDiskAndLogsEachStep) {
+    UserDefaults::suite(SessionStore::suite)->set("app", "not a dictionary");
     const SessionStore store("app");
+    EXPECT_TRUE(store.storage().empty());
+    EXPECT_EQ(store.value("pushToken"), std::nullopt);
     EXPECT_TRUE(store.store(PropertyValue("tok"), "pushToken"));
-    EXPECT_EQ(store.pushToken(), "tok");
     EXPECT_EQ(persistedValue(file(), "com.velmora.core.session", "app"),
-              PropertyValue(PropertyValue::Dictionary{{"pushToken", "tok"}}));
+              PropertyValue(Dictionary{{"pushToken", "tok"}}));
 
     // An empty value removes the key, and still synchronizes and logs.
     store.updatePushToken(std::nullopt);
-    EXPECT_EQ(store.pushToken(), std::nullopt);
-    EXPECT_EQ(persistedValue(file(), "com.velmora.core.session", "app"),
-              PropertyValue(PropertyValue::Dictionary{}));
-    EXPECT_EQ(logs->lines(), (std::vector<std::string>{
-                                 "[DEBUG]: storing tok with key pushToken in session store with app id: app.",
-                                 "[DEBUG]: successfully stored pushToken in session store.",
-                                 "[DEBUG]: storing nil with key pushToken in session store with app id: app.",
-                                 "[DEBUG]: successfully stored pushToken in session store.",
-                             }));
+    EXPECT_EQ(persistedValue(file(), "com.velmora.core.session", "app"), PropertyValue(Dictionary{}));
+    const std::string stored = "[DEBUG]: successfully stored pushToken in session store.";
+    EXPECT_EQ(logs->lines(),
+              (Lines{"[DEBUG]: storing tok with key pushToken in session store with app id: app.", stored,
+                     "[DEBUG]: storing nil with key pushToken in session store with app id: app.", stored}));
 
     // A token of another kind is no token.
     EXPECT_TRUE(store.store(PropertyValue(42), "pushToken"));
@@ -64,33 +66,20 @@ TEST_F(StoresTest, AStoreThatCannotReachTheDiskIsReportedAndChangesNothing) {
     EXPECT_EQ(inMemory.value("k"), PropertyValue("v"));
 }
 
-TEST_F(StoresTest, ANonDictionaryUnderTheAppIdReadsAsEmptyAndIsReplacedOnTheNextStore) {
-    UserDefaults::suite(SessionStore::suite)->set("app", "not a dictionary");
-    const SessionStore store("app");
-    EXPECT_TRUE(store.storage().empty());
-    EXPECT_EQ(store.value("anything"), std::nullopt);
-    EXPECT_TRUE(store.store(PropertyValue(1), "key"));
-    EXPECT_EQ(UserDefaults::suite(SessionStore::suite)->object("app"),
-              PropertyValue(PropertyValue::Dictionary{{"key", 1}}));
-}
-
 TEST_F(StoresTest, SettingsStoreKeepsTheDocumentAndWhenAnyAppIdLastStoredOne) {
     const SettingsStore store("app");
     const auto before = Date::now();
     EXPECT_LE(std::abs(store.updatedAt().timeIntervalSince(before)), 1.0) << "nothing stored: now";
     EXPECT_EQ(store.data(), std::nullopt);
-
     store.setData(std::nullopt);
     EXPECT_TRUE(logs->lines().empty()) << "writing nothing does nothing";
 
     const auto document = Data::fromString(R"({"core":{}})");
     store.setData(document);
     EXPECT_EQ(store.settings(), document);
-    EXPECT_EQ(logs->lines(), (std::vector<std::string>{
-                                 "[DEBUG]: storing settings with app id: app.",
-                                 "[DEBUG]: successfully stored settings with app id: app.",
-                                 "[DEBUG]: Settings cached.",
-                             }));
+    EXPECT_EQ(logs->lines(), (Lines{"[DEBUG]: storing settings with app id: app.",
+                                    "[DEBUG]: successfully stored settings with app id: app.",
+                                    "[DEBUG]: Settings cached."}));
     const auto stamped = persistedValue(file(), "com.velmora.core.settings", "updated_at");
     ASSERT_TRUE(stamped && stamped->is<Date>());
     EXPECT_EQ(store.updatedAt(), *stamped->getIf<Date>());
@@ -105,7 +94,7 @@ TEST_F(StoresTest, SettingsStoreKeepsTheDocumentAndWhenAnyAppIdLastStoredOne) {
 TEST_F(StoresTest, EachClearRemovesExactlyItsShareOfTheState) {
     const Stores stores("app");
     auto fill = [&] {
-        UserDefaults::suite(IdentityStore::suite)->set("app", PropertyValue::Dictionary{{"uuid", "U"}});
+        UserDefaults::suite(IdentityStore::suite)->set("app", Dictionary{{"uuid", "U"}});
         ASSERT_TRUE(stores.sessionStore().store(PropertyValue("tok"), "pushToken"));
         ASSERT_TRUE(stores.settingStore().storeSettings(Data::fromString("{}")));
         ASSERT_TRUE(stores.accountStore()
@@ -122,11 +111,9 @@ TEST_F(StoresTest, EachClearRemovesExactlyItsShareOfTheState) {
     fill();
     stores.clearSession();
     EXPECT_EQ(state(), (std::vector<bool>{false, false, true, false, true}));
-
     fill();
     stores.clearSettingsAndSession();
     EXPECT_EQ(state(), (std::vector<bool>{true, false, false, true, true}));
-
     fill();
     stores.clearAll();
     EXPECT_EQ(state(), (std::vector<bool>{false, false, false, false, true}));
@@ -136,27 +123,20 @@ TEST_F(StoresTest, EachClearRemovesExactlyItsShareOfTheState) {
 TEST_F(StoresTest, ClearingTheCacheDirectoryLogsOnlyRealFailures) {
     const CoreCacheDirectoryManager manager;
     ASSERT_EQ(manager.cacheDirectoryURL(), velmoraCache());
-
     manager.remove(manager.cacheDirectoryURL());
-    EXPECT_EQ(
-        logs->lines(),
-        (std::vector<std::string>{
-            "[ERROR]: Attempt to clear cache errored: The folder \u201cvelmora\u201d doesn\u2019t exist."}));
+    EXPECT_EQ(logs->lines(), (Lines{"[ERROR]: Attempt to clear cache errored: The folder \u201cvelmora\u201d "
+                                    "doesn\u2019t exist."}));
 
     logs->clear();
     fs::create_directories(velmoraCache() / ".state");
     std::ofstream(velmoraCache() / ".hidden") << "x";
     manager.remove(manager.cacheDirectoryURL());
     EXPECT_TRUE(fs::exists(velmoraCache() / ".hidden")) << "only hidden entries: left in place";
-    EXPECT_TRUE(logs->lines().empty());
-
     fillCache();
     manager.remove(manager.cacheDirectoryURL());
     EXPECT_FALSE(fs::exists(velmoraCache()));
     EXPECT_TRUE(logs->lines().empty());
-}
 
-TEST_F(StoresTest, AHostWithoutACachesDirectoryHasNoCacheDirectory) {
     environment.cachesDirectory.reset();
     reinstallEnvironment();
     const Stores stores("app");
@@ -165,6 +145,42 @@ TEST_F(StoresTest, AHostWithoutACachesDirectoryHasNoCacheDirectory) {
     EXPECT_TRUE(
         logs->contains("[ERROR]: Attempt to clear cache errored: Cache director URL is nil. "
                        "NSSearchPathForDirectoriesInDomains may have returned nil."));
+}
+
+TEST_F(StoresTest, TheAccountKeyJoinsUrlAndAppId) {
+    const ApplicationConfiguration details("app-1", "client-1", "https://acme.velmora.com");
+    const AccountStore store;
+    EXPECT_FALSE(store.storedAccount(details)) << "nothing recorded: no match";
+    ASSERT_TRUE(store.store(details).isSuccess());
+    EXPECT_EQ(persistedValue(file(), "com.velmora.core.account", "account-id"),
+              PropertyValue("aHR0cHM6Ly9hY21lLnZlbG1vcmEuY29tYXBwLTE="));
+    EXPECT_TRUE(
+        store.storedAccount(ApplicationConfiguration("1", "client-1", "https://acme.velmora.comapp-")))
+        << "URL a + app id bc is the same account as URL ab + app id c";
+    EXPECT_FALSE(
+        store.storedAccount(ApplicationConfiguration("app-2", "client-1", "https://acme.velmora.com")));
+
+    UserDefaults::suite(AccountStore::suite)->set("account-id", 7);
+    EXPECT_FALSE(store.storedAccount(details)) << "a record that is not text matches nothing";
+}
+
+TEST_F(StoresTest, DetailsThatAreNotTextAreNeverRecordedButANewAccountOfThemStillWipesTheStorage) {
+    const ApplicationConfiguration details("app", "client", "https://acme.velmora.com");
+    ASSERT_TRUE(AccountStore().store(details).isSuccess());
+    const auto stores = std::make_shared<Stores>("app");
+    ASSERT_TRUE(stores->sessionStore().store(PropertyValue("tok"), "pushToken"));
+
+    const auto broken = std::make_shared<ApplicationConfiguration>("app\xff", "client", "u");
+    EXPECT_EQ(broken->base64(), std::nullopt);
+    EXPECT_TRUE(AccountStore().store(*broken).isError());
+    NewAccountStorageStrategy(broken, stores).execute();
+    EXPECT_EQ(stores->sessionStore().pushToken(), std::nullopt);
+    EXPECT_TRUE(AccountStore().storedAccount(details)) << "the old record stays";
+
+    EXPECT_TRUE(platform::isValidUtf8("plain caf\u00e9 \U0001F600"));
+    for (const char* bad : {"\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82", "\x80"}) {
+        EXPECT_FALSE(platform::isValidUtf8(bad)) << "overlong, surrogate, too large, truncated or stray";
+    }
 }
 
 TEST(StoresDeathTest, ASuiteThePlatformRefusesIsFatal) {

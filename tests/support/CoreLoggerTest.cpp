@@ -3,18 +3,23 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <fstream>
 #include <regex>
 #include <thread>
 
 #include "tests/support/LibraryTest.h"
+#include "velmora/support/ActionDescription.h"
+#include "velmora/support/ActionHandlerRegistry.h"
 
 namespace velmora::testing {
 namespace {
 
+using Lines = std::vector<std::string>;
+
 class CoreLoggerTest : public LibraryTest {
   protected:
     // What one message at each level leaves in the log, at the given threshold.
-    std::vector<std::string> linesAt(LogLevel threshold) {
+    Lines linesAt(LogLevel threshold) {
         logs->clear();
         CoreLogger::setLogLevel(threshold);
         CoreLogger::error("e");
@@ -32,12 +37,11 @@ TEST_F(CoreLoggerTest, TheSwitchAndTheThresholdDecideWhatIsEmittedAndWhetherTheL
     EXPECT_TRUE(linesAt(LogLevel::error).empty());
 
     CoreLogger::setEnabled(true);
-    EXPECT_EQ(linesAt(LogLevel::debug),
-              (std::vector<std::string>{"[ERROR]: e", "[WARNING]: w", "[INFO]: i", "[DEBUG]: d"}));
+    EXPECT_EQ(linesAt(LogLevel::debug), (Lines{"[ERROR]: e", "[WARNING]: w", "[INFO]: i", "[DEBUG]: d"}));
     EXPECT_EQ(logs->levels(),
               (std::vector<LogLevel>{LogLevel::error, LogLevel::warn, LogLevel::info, LogLevel::debug}))
         << "the host's sink gets each line's level as a value";
-    EXPECT_EQ(linesAt(LogLevel::error), (std::vector<std::string>{"[ERROR]: e"}));
+    EXPECT_EQ(linesAt(LogLevel::error), (Lines{"[ERROR]: e"}));
     EXPECT_EQ(linesAt(LogLevel::verbose).back(), "[VERBOSE]: v");
     EXPECT_EQ(logs->levels().back(), LogLevel::verbose);
 
@@ -49,29 +53,24 @@ TEST_F(CoreLoggerTest, TheSwitchAndTheThresholdDecideWhatIsEmittedAndWhetherTheL
     CoreLogger::setEnabled(false);
     CoreLogger::log(LogLevel::error, [&] { ++ran; });
     EXPECT_EQ(ran, 1);
-}
 
-TEST_F(CoreLoggerTest, MessagesArePrintedLiterallyAndLevelsComeOnlyFromZeroToFour) {
-    CoreLogger::debug("100% done, %@ stays, %d too");
-    EXPECT_EQ(logs->lines(), (std::vector<std::string>{"[DEBUG]: 100% done, %@ stays, %d too"}));
-
-    EXPECT_EQ(logLevelFromRawValue(5), std::nullopt);
     EXPECT_EQ(logLevelFromRawValue(-1), std::nullopt);
+    EXPECT_EQ(logLevelFromRawValue(5), std::nullopt);
     EXPECT_EQ(logLevelFromRawValue(0), LogLevel::error);
     EXPECT_EQ(logLevelFromRawValue(4), LogLevel::verbose);
 }
 
-TEST_F(CoreLoggerTest, TheConsoleSinkWritesOneStampedLinePerMessage) {
+TEST_F(CoreLoggerTest, TheConsoleSinkWritesOneStampedLiteralLinePerMessage) {
     LoggerConfig::setLogger(std::make_shared<ConsoleLogger>());
     environment.logSink = nullptr;
     platform::Environment::install(environment);  // no sink: standard error
 
     ::testing::internal::CaptureStderr();
-    CoreLogger::warn("Settings cached. 50% %@");
+    CoreLogger::warn("Settings cached. 50% %@ %d");
     CoreLogger::verbose("not emitted");
     const auto out = ::testing::internal::GetCapturedStderr();
     const std::regex line(
-        R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}Z velmora-tests\[\d+:\d+\] \[WARNING\]: Settings cached\. 50% %@\n$)");
+        R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}Z velmora-tests\[\d+:\d+\] \[WARNING\]: Settings cached\. 50% %@ %d\n$)");
     EXPECT_TRUE(std::regex_match(out, line)) << out;
 }
 
@@ -97,6 +96,96 @@ TEST_F(CoreLoggerTest, SwitchesAndSinksMayChangeWhileOtherThreadsLog) {
     for (const auto& line : logs->lines()) {
         ASSERT_EQ(line, "[INFO]: busy");
     }
+}
+
+class Handler : public ActionHandler {
+  public:
+    Handler(std::string action, int priority) : action_(std::move(action)), priority_(priority) {}
+    bool canHandle(const std::string& action) const override { return action == action_; }
+    int priority() const override { return priority_; }
+    bool isEqual(const ActionHandler& other) const override {
+        const auto& handler = static_cast<const Handler&>(other);
+        return handler.action_ == action_ && handler.priority_ == priority_;
+    }
+
+  private:
+    std::string action_;
+    int priority_;
+};
+
+// Same action and priority as a Handler, but another type: never equal to one.
+class OtherHandler : public Handler {
+  public:
+    using Handler::Handler;
+};
+
+TEST(ActionHandlerRegistryTest, HandlersRankByPriorityAndRemovalTakesEveryEqualOneOfTheSameType) {
+    ActionHandlerRegistry registry;
+    EXPECT_TRUE(registry.handlers("chat").empty());
+    EXPECT_EQ(registry.handler("chat"), nullptr);
+
+    const auto low = std::make_shared<Handler>("chat", 1);
+    const auto high = std::make_shared<Handler>("chat", 5);
+    const auto other = std::make_shared<OtherHandler>("chat", 1);
+    registry.add(low);
+    registry.add(std::make_shared<Handler>("help", 9));
+    registry.add(high);
+    registry.add(low);
+    registry.add(other);
+
+    const auto copy = registry;
+    EXPECT_EQ(registry.handler("chat"), high);
+    EXPECT_EQ(registry.handlers("chat").size(), 4u);
+
+    registry.remove(Handler("chat", 1));
+    EXPECT_EQ(registry.handlers("chat"), (std::vector<std::shared_ptr<ActionHandler>>{high, other}));
+    EXPECT_EQ(copy.handlers("chat").size(), 4u) << "copies are independent";
+
+    registry.clear();
+    EXPECT_EQ(registry.handler("help"), nullptr);
+}
+
+using ActionDescriptionTest = LibraryTest;
+
+// The icon is read once, from the bundle's file, and kept whatever it was.
+TEST_F(ActionDescriptionTest, TheIconComesFromTheBundleOnTheFirstReadAndIsKeptEvenWhenEmpty) {
+    const auto bundle = root / "Chat.bundle";
+    std::filesystem::create_directories(bundle);
+    const std::string png("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16);
+    std::ofstream(bundle / "chat@2x.png", std::ios::binary) << png;
+    struct Case {
+        std::optional<std::string> name;
+        std::optional<std::filesystem::path> bundle;
+        bool found;
+    };
+    for (const auto& c : std::vector<Case>{{"chat", bundle, true},
+                                           {std::nullopt, bundle, false},
+                                           {"chat", std::nullopt, false},
+                                           {"chat", root / "Missing.bundle", false},
+                                           {"../Chat.bundle/chat@2x.png", bundle, false},
+                                           {"help", bundle, false}}) {
+        const ActionDescription description("Chat", "Start a chat", c.name, c.bundle);
+        const auto first = description.iconImage();
+        EXPECT_EQ(first.has_value(), c.found) << c.name.value_or("no name");
+        std::filesystem::rename(bundle / "chat@2x.png", bundle / "help.png");
+        EXPECT_EQ(description.iconImage(), first) << "kept from the first read";
+        std::filesystem::rename(bundle / "help.png", bundle / "chat@2x.png");
+    }
+    EXPECT_EQ(ActionDescription("Chat", "Chat", "chat", bundle).iconImage(),
+              (platform::Image{"chat", Data::fromString(png)}));
+
+    int loads = 0;
+    environment.imageLoader = [&loads](std::string_view name, const std::filesystem::path& from) {
+        ++loads;
+        return std::optional(platform::Image{std::string(name), Data::fromString(from.filename().string())});
+    };
+    reinstallEnvironment();
+    ActionDescription hosted("Chat", "Chat", "anything", bundle);
+    EXPECT_EQ(hosted.iconImage()->data.toString(), "Chat.bundle");
+    (void)hosted.iconImage();
+    EXPECT_EQ(loads, 1);
+    hosted.setIconImage(std::nullopt);
+    EXPECT_FALSE(hosted.iconImage().has_value()) << "set directly";
 }
 
 }  // namespace
