@@ -1,5 +1,6 @@
 // The library's request path against bare libcurl, both against the local account server in this process:
-// latency of one request at a time, and throughput with 32 in flight.
+// latency of one request at a time, and throughput with 32 in flight. The warm user GET is also sent through
+// cpprestsdk's http_client, the peer a host developer would otherwise pick, when it is installed.
 #include <curl/curl.h>
 
 #include <atomic>
@@ -17,6 +18,10 @@
 #include "velmora/network/NetworkClient.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/user/UserProvider.h"
+
+#ifdef VELMORA_BENCH_CPPREST
+#include "bench/PeerCpprest.h"
+#endif
 
 using namespace velmora;
 using namespace velmora::bench;
@@ -46,6 +51,38 @@ curl_slist* libraryHeaders(const std::vector<std::string>& extra = {}) {
     }
     return curl_slist_append(list, "Expect:");
 }
+
+#ifdef VELMORA_BENCH_CPPREST
+// The same header fields as libraryHeaders, for a client that is given each one: the session's shared
+// headers, the client identifier, the extra ones, and the Accept-Encoding that libcurl adds for the library
+// (the decoders it was built with, in its order).
+CpprestPeer::Headers libraryHeaderFields(const CpprestPeer::Headers& extra) {
+    CpprestPeer::Headers fields;
+    for (const auto& [name, value] :
+         SharedHeaders::sharedHeaders(VersionConstants::VelmoraCoreSDKVersionString, "Core")) {
+        fields.emplace_back(name, value);
+    }
+    fields.emplace_back("Client-Identifier", "client");
+    fields.insert(fields.end(), extra.begin(), extra.end());
+    const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
+    std::string encodings;
+    const auto add = [&](const char* encoding) {
+        encodings += encodings.empty() ? encoding : std::string(", ") + encoding;
+    };
+    if ((info->features & CURL_VERSION_LIBZ) != 0) {
+        add("deflate");
+        add("gzip");
+    }
+    if ((info->features & CURL_VERSION_BROTLI) != 0) {
+        add("br");
+    }
+    if ((info->features & CURL_VERSION_ZSTD) != 0) {
+        add("zstd");
+    }
+    fields.emplace_back("Accept-Encoding", encodings.empty() ? "identity" : encodings);
+    return fields;
+}
+#endif
 
 // `headers` empty: a bare GET with curl's own headers.
 CURL* makeEasy(const std::string& url, curl_slist* headers) {
@@ -264,10 +301,15 @@ int main() {
     getUser();
     std::this_thread::sleep_for(
         std::chrono::milliseconds(5));  // settings are fresh strictly after their stamp
-    curl_slist* userHeaders =
-        libraryHeaders({"Authorization: Bearer " + IdentityStore("app").oauthToken().value_or("")});
+    const std::string bearer = "Bearer " + IdentityStore("app").oauthToken().value_or("");
+    curl_slist* userHeaders = libraryHeaders({"Authorization: " + bearer});
     MinimalAsyncClient userBaseline(server.url() + "/api/mobile/users/me.json", userHeaders);
     std::vector<double> userLibrary, userAsync;
+#ifdef VELMORA_BENCH_CPPREST
+    CpprestPeer peer(server.url(), "/api/mobile/users/me.json",
+                     libraryHeaderFields({{"Authorization", bearer}}));
+    std::vector<double> userPeer;
+#endif
     for (int i = 0; i < latencySamples / 2 + 50; ++i) {
         auto start = Clock::now();
         getUser();
@@ -276,15 +318,55 @@ int main() {
         start = Clock::now();
         userBaseline.get([&] { latch.arrive(); });
         latch.waitFor(1);
+        const double asyncNs = nanosecondsBetween(start, Clock::now());
+#ifdef VELMORA_BENCH_CPPREST
+        Latch peerLatch;
+        start = Clock::now();
+        peer.get([&] { peerLatch.arrive(); });
+        peerLatch.waitFor(1);
+        if (i >= 50) {
+            userPeer.push_back(nanosecondsBetween(start, Clock::now()));
+        }
+#endif
         if (i >= 50) {
             userLibrary.push_back(libraryNs);
-            userAsync.push_back(nanosecondsBetween(start, Clock::now()));
+            userAsync.push_back(asyncNs);
         }
     }
     printRow("UserProvider.getUser, warm", percentile(userLibrary, 50) / 1000,
              percentile(userLibrary, 99) / 1000, "us");
     printRow("async libcurl, same user request", percentile(userAsync, 50) / 1000,
              percentile(userAsync, 99) / 1000, "us");
+#ifdef VELMORA_BENCH_CPPREST
+    printRow("cpprestsdk http_client, same user request", percentile(userPeer, 50) / 1000,
+             percentile(userPeer, 99) / 1000, "us");
+#endif
+
+    // The same warm user GET with 32 in flight: the library, and cpprestsdk before and after it.
+    const auto userGets = [&](std::function<void()> done) {
+        users.getUser([done = std::move(done)](const Result<User>&) { done(); });
+    };
+#ifdef VELMORA_BENCH_CPPREST
+    const auto peerGets = [&](std::function<void()> done) { peer.get(std::move(done)); };
+    const double peerRate = throughput(peerGets);
+    const double userRate = throughput(userGets);
+    const double peerRateAgain = throughput(peerGets);
+#else
+    const double userRate = throughput(userGets);
+#endif
+    std::printf("network: warm user GET, %d requests, %d in flight\n", throughputRequests, inFlight);
+    std::printf("  %-44s %10.0f req/s\n", "UserProvider.getUser, warm", userRate);
+#ifdef VELMORA_BENCH_CPPREST
+    std::printf("  %-44s %10.0f req/s (again after: %.0f)\n", "cpprestsdk http_client, same user request",
+                peerRate, peerRateAgain);
+    const bool peerMeasured = peer.failures() == 0;
+    if (!peerMeasured) {
+        std::printf("  cpprestsdk: %d requests failed; no ratio against it\n", peer.failures());
+    }
+#else
+    std::printf(
+        "  cpprestsdk (Debian's libcpprest-dev) is not installed: no peer rows, no ratio against it\n");
+#endif
 
     printRatio("request_latency", percentile(library, 50) / percentile(async, 50));
     printRatio("user_latency", percentile(userLibrary, 50) / percentile(userAsync, 50));
@@ -292,6 +374,12 @@ int main() {
     printRatio("request_latency_vs_bare_get", percentile(library, 50) / percentile(bareAsync, 50));
     printRatio("request_latency_p99", percentile(library, 99) / percentile(async, 99));
     printRatio("request_throughput", libraryRate / ((rawRate + rawRateAgain) / 2));
+#ifdef VELMORA_BENCH_CPPREST
+    if (peerMeasured) {
+        printRatio("user_latency_vs_cpprest", percentile(userLibrary, 50) / percentile(userPeer, 50));
+        printRatio("user_throughput_vs_cpprest", userRate / ((peerRate + peerRateAgain) / 2));
+    }
+#endif
 
     server.stop();
     return 0;

@@ -21,23 +21,25 @@ constexpr std::array<std::int8_t, 256> decodeTable() {
 
 std::string base64Encode(const void* bytes, std::size_t size) {
     const auto* in = static_cast<const std::uint8_t*>(bytes);
-    std::string out;
-    out.reserve((size + 2) / 3 * 4);
+    std::string out((size + 2) / 3 * 4, '=');
+    char* next = out.data();
     std::size_t i = 0;
     for (; i + 3 <= size; i += 3) {
         const std::uint32_t n = (std::uint32_t{in[i]} << 16) | (std::uint32_t{in[i + 1]} << 8) | in[i + 2];
-        out += alphabet[(n >> 18) & 63];
-        out += alphabet[(n >> 12) & 63];
-        out += alphabet[(n >> 6) & 63];
-        out += alphabet[n & 63];
+        next[0] = alphabet[(n >> 18) & 63];
+        next[1] = alphabet[(n >> 12) & 63];
+        next[2] = alphabet[(n >> 6) & 63];
+        next[3] = alphabet[n & 63];
+        next += 4;
     }
     if (const std::size_t rest = size - i; rest > 0) {
         const std::uint32_t n =
             (std::uint32_t{in[i]} << 16) | (rest == 2 ? std::uint32_t{in[i + 1]} << 8 : 0);
-        out += alphabet[(n >> 18) & 63];
-        out += alphabet[(n >> 12) & 63];
-        out += rest == 2 ? alphabet[(n >> 6) & 63] : '=';
-        out += '=';
+        next[0] = alphabet[(n >> 18) & 63];
+        next[1] = alphabet[(n >> 12) & 63];
+        if (rest == 2) {
+            next[2] = alphabet[(n >> 6) & 63];
+        }
     }
     return out;
 }
