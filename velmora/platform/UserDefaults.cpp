@@ -63,7 +63,8 @@ class DefaultsDatabase {
             systemLogLine(LogLevel::warn, "UserDefaults: no data directory; values are kept in memory only");
             return;
         }
-        std::lock_guard connection(connectionMutex_);
+        // No lock: no other thread can see the object yet, and the registry's lock is held while it is made,
+        // which a transaction (holding connectionMutex_) takes too when it opens a store.
         openConnection(true);
     }
 
