@@ -365,17 +365,13 @@ class DefaultsDatabase {
                         return 1;
                     },
                     nullptr);
-                code = sqlite3_exec(db_, "PRAGMA synchronous = FULL", nullptr, nullptr, nullptr);
-            }
-            if (code == SQLITE_OK && load) {
-                code = refresh();
-            }
-            if (code == SQLITE_ERROR || (code == SQLITE_OK && !load)) {
-                // A new file (no table to load from yet), or a fresh one after recovery: set it up. A file
-                // this library made is set up already, and asking again costs a launch more than the load.
-                code = prepareSchema();
-                if (code == SQLITE_OK && load) {
-                    code = refresh();
+                code = setUp(load);
+                // Some lock conflicts of a file being set up by another process at the same moment (its
+                // journal mode changing, its log being recovered) come back at once, without the busy
+                // handler: try again, for 5 s at most.
+                for (int tries = 0; code == SQLITE_BUSY && tries < 5000; ++tries) {
+                    ::usleep(1000);
+                    code = setUp(load);
                 }
             }
             if (code == SQLITE_OK) {
@@ -391,6 +387,23 @@ class DefaultsDatabase {
             moveAside(reason);
         }
         return false;
+    }
+
+    // Prepares a fresh connection; with `load`, reads every stored suite into memory.
+    int setUp(bool load) {
+        int code = sqlite3_exec(db_, "PRAGMA synchronous = FULL", nullptr, nullptr, nullptr);
+        if (code == SQLITE_OK && load) {
+            code = refresh();
+        }
+        if (code == SQLITE_ERROR || (code == SQLITE_OK && !load)) {
+            // A new file (no table to load from yet), or a fresh one after recovery: set it up. A file this
+            // library made is set up already, and asking again costs a launch more than the load.
+            code = prepareSchema();
+            if (code == SQLITE_OK && load) {
+                code = refresh();
+            }
+        }
+        return code;
     }
 
     void closeConnection() {
