@@ -115,11 +115,20 @@ TEST_F(CliTest, FailuresPrintTheErrorAndUsageAndTimeOutsHaveTheirOwnCodes) {
 }
 
 TEST_F(CliTest, AChangeTheDiskRefusesFailsTheCommandAndKeepsTheOldState) {
-    ASSERT_EQ(velmora({"identity", "anonymous", "--name", "Ann"}).exitCode, 0);
-    // No file may grow, as on a full disk (with the signal that limit raises ignored, as ENOSPC raises none).
-    launcher = {"/bin/sh", "-c", "trap '' XFSZ && ulimit -f 0 && exec \"$@\"", "sh"};
-    // Its output files cannot grow either: the exit code is all it can tell.
-    EXPECT_EQ(velmora({"identity", "anonymous", "--name", "Bob"}).exitCode, 1);
+    // Commits enough that the write-ahead log outgrows the index SQLite sizes on open (32 KiB): then no file
+    // may grow past its size, as on a full disk, while everything stored still opens and reads.
+    for (const char* name : {"Ann1", "Ann2", "Ann3", "Ann"}) {
+        ASSERT_EQ(velmora({"identity", "anonymous", "--name", name}).exitCode, 0);
+    }
+    std::uintmax_t largest = 32768;
+    for (const auto& file : std::filesystem::directory_iterator(root / "cli-data")) {
+        largest = std::max(largest, file.file_size());
+    }
+    launcher = {"/bin/sh", "-c",
+                "trap '' XFSZ && exec prlimit --fsize=" + std::to_string(largest) + " \"$@\"", "sh"};
+    const auto refused = velmora({"identity", "anonymous", "--name", "Bob"});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_NE(refused.err.find("the identity could not be stored"), std::string::npos) << refused.err;
     launcher.clear();
     EXPECT_EQ(velmora({"identity", "show"}).outJson()["anonymous"]["name"], "Ann");
 }
