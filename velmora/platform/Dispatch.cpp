@@ -165,8 +165,10 @@ class GlobalPool {
         std::unique_lock lock(mutex_);
         for (;;) {
             if (stopping_) {
-                --threads_;
-                return;
+                // The process is exiting. A thread that ended now would run its thread-local destructors
+                // (OpenSSL's among them, once a worker has set libcurl up) while the process's exit handlers
+                // tear those libraries down: it stays here until the process is gone.
+                parked_.wait(lock, [] { return false; });
             }
             if (!tasks_.empty()) {
                 auto task = std::move(tasks_.front());
@@ -274,7 +276,7 @@ class LibraryMainThread {
         for (;;) {
             wake_.wait(lock, [this] { return !blocks_.empty() || stopping_; });
             if (stopping_) {
-                return;
+                parked_.wait(lock, [] { return false; });  // as the pool's workers: never ends during exit
             }
             auto block = std::move(blocks_.front());
             blocks_.pop_front();
@@ -292,6 +294,7 @@ class LibraryMainThread {
     bool running_ = false;
     std::condition_variable idle_;
     std::mutex mutex_;
+    std::condition_variable parked_;  // never notified
     std::condition_variable wake_;
     std::deque<std::function<void()>> blocks_;
 };
