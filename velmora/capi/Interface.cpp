@@ -3,7 +3,6 @@
 
 #include <cxxabi.h>
 
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +14,7 @@
 #include "velmora/platform/Dispatch.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/Json.h"
+#include "velmora/platform/PendingCount.h"
 #include "velmora/platform/SystemLog.h"
 #include "velmora/platform/Utf8.h"
 #include "velmora/support/CoreLogger.h"
@@ -70,35 +70,13 @@ namespace {
 
 std::atomic<std::size_t> liveHandles{0};
 
-// Callbacks posted to the main queue and not yet run: VMKVelmoraWaitForPendingRequests waits for them.
-struct Deliveries {
-    std::mutex mutex;
-    std::condition_variable drained;
-    std::size_t pending = 0;
-};
-
-Deliveries& deliveries() {
-    static auto* instance = new Deliveries();  // leaked: blocks may still run during static destruction
+// Callbacks posted to the main queue and not yet run: VMKVelmoraWaitForPendingRequests waits for them. A
+// posted block holds a ticket, which ends its count when the block is destroyed: after it ran, or when it
+// was dropped. Leaked: blocks may still run during static destruction.
+platform::PendingCount& deliveries() {
+    static auto* instance = new platform::PendingCount();
     return *instance;
 }
-
-// Ends its delivery's count when the posted block is destroyed: after it ran, or when it was dropped.
-struct DeliveryTicket {
-    DeliveryTicket() {
-        auto& d = deliveries();
-        std::lock_guard lock(d.mutex);
-        ++d.pending;
-    }
-    ~DeliveryTicket() {
-        auto& d = deliveries();
-        std::lock_guard lock(d.mutex);
-        if (--d.pending == 0) {
-            d.drained.notify_all();
-        }
-    }
-    DeliveryTicket(const DeliveryTicket&) = delete;
-    DeliveryTicket& operator=(const DeliveryTicket&) = delete;
-};
 
 // Not noexcept: a host runtime that ends its thread inside a callback (an interpreter shutting down calls
 // pthread_exit) unwinds through here, and swallowing that unwind would abort the process.
@@ -268,7 +246,9 @@ char* copyJson(const nlohmann::json& value) {
 
 void post(std::function<void()> call) {
     platform::DispatchQueue::main().async(
-        [call = std::move(call), ticket = std::make_shared<DeliveryTicket>()] { runSafely(call); });
+        [call = std::move(call), ticket = std::make_shared<platform::PendingCount::Ticket>(deliveries())] {
+            runSafely(call);
+        });
 }
 
 void deliver(std::function<void()> call) {
@@ -280,15 +260,11 @@ void deliver(std::function<void()> call) {
 }
 
 bool waitForDeliveries(std::chrono::steady_clock::time_point deadline) {
-    auto& d = deliveries();
-    std::unique_lock lock(d.mutex);
-    return d.drained.wait_until(lock, deadline, [&] { return d.pending == 0; });
+    return deliveries().waitUntilDrained(deadline);
 }
 
 std::size_t deliveriesPending() {
-    auto& d = deliveries();
-    std::lock_guard lock(d.mutex);
-    return d.pending;
+    return deliveries().count();
 }
 
 }  // namespace velmora::capi

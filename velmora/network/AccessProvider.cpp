@@ -5,6 +5,7 @@
 #include "velmora/Errors.h"
 #include "velmora/network/AccountInterceptors.h"
 #include "velmora/network/NetworkClient.h"
+#include "velmora/platform/Format.h"
 #include "velmora/platform/HTTPText.h"
 #include "velmora/platform/Json.h"
 #include "velmora/support/CoreLogger.h"
@@ -25,28 +26,14 @@ std::optional<std::int64_t> parseDecimalInt64(std::string_view text) {
         negative = text.front() == '-';
         text.remove_prefix(1);
     }
-    if (text.empty()) {
+    // The smallest value's magnitude is one more than the largest one's; a ceiling above both marks overflow.
+    constexpr auto largest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    const auto magnitude = platform::decimalDigits(text, largest + 2);
+    if (!magnitude || *magnitude > largest + (negative ? 1 : 0)) {
         return std::nullopt;
     }
-    // Accumulated as a negative number, whose range is the larger one.
-    std::int64_t value = 0;
-    for (const char c : text) {
-        if (c < '0' || c > '9') {
-            return std::nullopt;
-        }
-        const int digit = c - '0';
-        if (value < (std::numeric_limits<std::int64_t>::min() + digit) / 10) {
-            return std::nullopt;
-        }
-        value = value * 10 - digit;
-    }
-    if (!negative) {
-        if (value == std::numeric_limits<std::int64_t>::min()) {
-            return std::nullopt;
-        }
-        value = -value;
-    }
-    return value;
+    // Unsigned negation wraps, and the conversion back is modular: 2^63 becomes the smallest value.
+    return static_cast<std::int64_t>(negative ? 0 - *magnitude : *magnitude);
 }
 
 Result<Authentication> Authentication::fromJson(const json& object) {

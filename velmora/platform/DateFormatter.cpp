@@ -1,8 +1,10 @@
 #include "velmora/platform/DateFormatter.h"
 
 #include <cstdint>
+#include <limits>
 
 #include "velmora/platform/Fatal.h"
+#include "velmora/platform/Format.h"
 
 namespace velmora::platform {
 namespace {
@@ -160,14 +162,12 @@ std::optional<Date> DateFormatter::date(std::string_view text) const {
         if (at + token.width > text.size()) {
             return std::nullopt;
         }
-        std::int64_t value = 0;
-        for (std::size_t i = 0; i < token.width; ++i) {
-            const char c = text[at + i];
-            if (c < '0' || c > '9') {
-                return std::nullopt;
-            }
-            value = value * 10 + (c - '0');
+        const auto digits =
+            decimalDigits(text.substr(at, token.width), std::numeric_limits<std::int64_t>::max());
+        if (!digits) {
+            return std::nullopt;
         }
+        const auto value = static_cast<std::int64_t>(*digits);
         at += token.width;
         switch (token.field) {
             case Field::year:

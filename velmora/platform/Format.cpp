@@ -36,4 +36,19 @@ std::string textOf(double value) {
     return ec == std::errc() ? std::string(buffer.data(), end) : std::string("nan");
 }
 
+std::optional<std::uint64_t> decimalDigits(std::string_view text, std::uint64_t ceiling) {
+    if (text.empty()) {
+        return std::nullopt;
+    }
+    std::uint64_t value = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9') {
+            return std::nullopt;
+        }
+        const auto digit = static_cast<std::uint64_t>(c - '0');
+        value = ceiling < digit || value > (ceiling - digit) / 10 ? ceiling : value * 10 + digit;
+    }
+    return value;
+}
+
 }  // namespace velmora::platform

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <concepts>
+#include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -38,5 +40,9 @@ std::string format(std::string_view fmt, const Args&... args) {
     const std::string texts[] = {std::string(), textOf(args)...};
     return formatArguments(fmt, std::span<const std::string>(texts + 1, sizeof...(Args)));
 }
+
+// The value of a run of decimal digits (no sign, no space); none for an empty text or any other character.
+// A value above `ceiling` reads as `ceiling`, so callers can tell "too large" without overflowing.
+std::optional<std::uint64_t> decimalDigits(std::string_view text, std::uint64_t ceiling);
 
 }  // namespace velmora::platform

@@ -15,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "velmora/platform/FileManager.h"
+#include "velmora/platform/Format.h"
 #include "velmora/platform/Json.h"
 #include "velmora/platform/SystemLog.h"
 
@@ -82,17 +83,8 @@ std::map<std::string, std::string> directives(const std::optional<std::string>& 
 
 // A number of seconds as HTTP writes it (digits only); very large values stand for "a long time".
 std::optional<std::int64_t> deltaSeconds(std::string_view text) {
-    if (text.empty()) {
-        return std::nullopt;
-    }
-    std::int64_t value = 0;
-    for (const char c : text) {
-        if (c < '0' || c > '9') {
-            return std::nullopt;
-        }
-        value = std::min<std::int64_t>(value * 10 + (c - '0'), std::numeric_limits<std::int32_t>::max());
-    }
-    return value;
+    const auto value = decimalDigits(text, std::numeric_limits<std::int32_t>::max());
+    return value ? std::optional<std::int64_t>(static_cast<std::int64_t>(*value)) : std::nullopt;
 }
 
 std::optional<std::int64_t> httpDate(const std::optional<std::string>& text) {

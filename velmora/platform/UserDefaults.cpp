@@ -26,12 +26,26 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Values by suite and key; no value: the key is removed.
+using SuiteRows =
+    std::map<std::string, std::map<std::string, std::optional<PropertyValue>, std::less<>>, std::less<>>;
+
 // The changes of a transaction under way, kept apart from the shared view until they are committed.
 struct StagedChanges {
     std::set<std::string, std::less<>> removedSuites;
-    std::map<std::string, std::map<std::string, std::optional<PropertyValue>, std::less<>>, std::less<>>
-        values;
+    SuiteRows values;
 };
+
+using Values = std::map<std::string, PropertyValue, std::less<>>;
+
+// Sets the value under the key, or removes the key when there is no value.
+void setOrRemove(Values& values, const std::string& key, const std::optional<PropertyValue>& value) {
+    if (value) {
+        values.insert_or_assign(key, *value);
+    } else {
+        values.erase(key);
+    }
+}
 
 // The transaction this thread runs, if any: the user defaults it touches go through its changes.
 struct ActiveTransaction {
@@ -118,11 +132,7 @@ class DefaultsDatabase {
         }
         std::lock_guard state(stateMutex_);
         auto& s = suites_[std::string(suite)];
-        if (value) {
-            s.values.insert_or_assign(std::string(key), *value);
-        } else {
-            s.values.erase(std::string(key));
-        }
+        setOrRemove(s.values, std::string(key), value);
         s.pending.insert_or_assign(std::string(key), Pending{std::move(value), ++generation_});
     }
 
@@ -212,12 +222,7 @@ class DefaultsDatabase {
                     return code;
                 }
             }
-            for (const auto& [suite, rows] : staged.values) {
-                if (const int code = writeRows(suite, rows); code != SQLITE_OK) {
-                    return code;
-                }
-            }
-            return SQLITE_OK;
+            return writeSuites(staged.values);
         };
         bool committed = false;
         if (began) {
@@ -245,7 +250,7 @@ class DefaultsDatabase {
         std::uint64_t generation;
     };
     struct Suite {
-        std::map<std::string, PropertyValue, std::less<>> values;
+        Values values;
         std::map<std::string, Pending, std::less<>> pending;
     };
 
@@ -290,13 +295,13 @@ class DefaultsDatabase {
     // Called with connectionMutex_ held: loads the file again when another connection committed to it since
     // this one last loaded it, and the first time. Changes of this process not yet synchronized stay on top.
     int refresh() {
-        if (dataVersion_ == nullptr &&
-            sqlite3_prepare_v2(db_, "PRAGMA data_version", -1, &dataVersion_, nullptr) != SQLITE_OK) {
+        auto* statement = prepared(dataVersion_);
+        if (statement == nullptr) {
             return sqlite3_errcode(db_);
         }
-        const int code = sqlite3_step(dataVersion_);
-        const auto version = code == SQLITE_ROW ? sqlite3_column_int64(dataVersion_, 0) : -1;
-        sqlite3_reset(dataVersion_);
+        const int code = sqlite3_step(statement);
+        const auto version = code == SQLITE_ROW ? sqlite3_column_int64(statement, 0) : -1;
+        sqlite3_reset(statement);
         if (version >= 0 && version == loadedVersion_) {
             return SQLITE_OK;
         }
@@ -327,11 +332,7 @@ class DefaultsDatabase {
         for (const auto& [suite, rows] : staged.values) {
             auto& s = suites_[suite];
             for (const auto& [key, value] : rows) {
-                if (value) {
-                    s.values.insert_or_assign(key, *value);
-                } else {
-                    s.values.erase(key);
-                }
+                setOrRemove(s.values, key, value);
                 s.pending.erase(key);
             }
         }
@@ -407,8 +408,10 @@ class DefaultsDatabase {
     }
 
     void closeConnection() {
-        sqlite3_finalize(dataVersion_);
-        dataVersion_ = nullptr;
+        for (auto* statement : {&dataVersion_, &upsert_, &removeKey_, &removeSuite_}) {
+            sqlite3_finalize(statement->handle);
+            statement->handle = nullptr;
+        }
         loadedVersion_ = -1;
         if (db_ != nullptr) {
             sqlite3_close_v2(db_);
@@ -484,11 +487,7 @@ class DefaultsDatabase {
             }
             auto& fresh = loaded[name];
             for (const auto& [key, change] : suite.pending) {
-                if (change.value) {
-                    fresh.values.insert_or_assign(key, *change.value);
-                } else {
-                    fresh.values.erase(key);
-                }
+                setOrRemove(fresh.values, key, change.value);
             }
             fresh.pending = std::move(suite.pending);
         }
@@ -496,34 +495,44 @@ class DefaultsDatabase {
         return SQLITE_OK;
     }
 
-    int removeSuite(std::string_view suite) {
-        sqlite3_stmt* statement = nullptr;
-        int code = sqlite3_prepare_v2(db_, "DELETE FROM defaults WHERE suite = ?1", -1, &statement, nullptr);
-        if (code == SQLITE_OK) {
-            sqlite3_bind_text(statement, 1, suite.data(), static_cast<int>(suite.size()), SQLITE_TRANSIENT);
-            code = sqlite3_step(statement) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(db_);
+    // A statement of the connection, prepared on its first use and kept until the connection closes; null
+    // when it cannot be prepared (the connection's error code says why).
+    struct Statement {
+        explicit Statement(const char* text) : sql(text) {}
+        const char* sql;
+        sqlite3_stmt* handle = nullptr;
+    };
+
+    sqlite3_stmt* prepared(Statement& statement) {
+        if (statement.handle == nullptr) {
+            sqlite3_prepare_v2(db_, statement.sql, -1, &statement.handle, nullptr);
         }
-        sqlite3_finalize(statement);
+        return statement.handle;
+    }
+
+    // Runs a statement that returns no rows, and resets it for its next use.
+    int run(sqlite3_stmt* statement) {
+        const int code = sqlite3_step(statement) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(db_);
+        sqlite3_reset(statement);
         return code;
+    }
+
+    int removeSuite(std::string_view suite) {
+        auto* statement = prepared(removeSuite_);
+        if (statement == nullptr) {
+            return sqlite3_errcode(db_);
+        }
+        sqlite3_bind_text(statement, 1, suite.data(), static_cast<int>(suite.size()), SQLITE_STATIC);
+        return run(statement);
     }
 
     template <class Rows>
     int writeRows(std::string_view suite, const Rows& rows) {
-        sqlite3_stmt* upsert = nullptr;
-        sqlite3_stmt* remove = nullptr;
-        int code =
-            sqlite3_prepare_v2(db_, "INSERT OR REPLACE INTO defaults (suite, key, value) VALUES (?1, ?2, ?3)",
-                               -1, &upsert, nullptr);
-        if (code == SQLITE_OK) {
-            code = sqlite3_prepare_v2(db_, "DELETE FROM defaults WHERE suite = ?1 AND key = ?2", -1, &remove,
-                                      nullptr);
-        }
         for (const auto& [key, value] : rows) {
-            if (code != SQLITE_OK) {
-                break;
+            auto* statement = prepared(value ? upsert_ : removeKey_);
+            if (statement == nullptr) {
+                return sqlite3_errcode(db_);
             }
-            sqlite3_stmt* statement = value ? upsert : remove;
-            sqlite3_reset(statement);
             sqlite3_bind_text(statement, 1, suite.data(), static_cast<int>(suite.size()), SQLITE_STATIC);
             sqlite3_bind_text(statement, 2, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
             Data bytes;
@@ -531,11 +540,20 @@ class DefaultsDatabase {
                 bytes = encodeBinaryPropertyList(*value);
                 sqlite3_bind_blob(statement, 3, bytes.data(), static_cast<int>(bytes.size()), SQLITE_STATIC);
             }
-            code = sqlite3_step(statement) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(db_);
+            if (const int code = run(statement); code != SQLITE_OK) {
+                return code;
+            }
         }
-        sqlite3_finalize(upsert);
-        sqlite3_finalize(remove);
-        return code;
+        return SQLITE_OK;
+    }
+
+    int writeSuites(const SuiteRows& suites) {
+        for (const auto& [suite, rows] : suites) {
+            if (const int code = writeRows(suite, rows); code != SQLITE_OK) {
+                return code;
+            }
+        }
+        return SQLITE_OK;
     }
 
     // Takes the write lock (waiting a bounded time for another process's write) and loads what was
@@ -573,8 +591,7 @@ class DefaultsDatabase {
 
     // After recovery: the fresh file gets every value this process holds, pending or not.
     int rewriteEverything() {
-        std::map<std::string, std::map<std::string, std::optional<PropertyValue>, std::less<>>, std::less<>>
-            copy;
+        SuiteRows copy;
         {
             std::lock_guard state(stateMutex_);
             for (const auto& [suite, s] : suites_) {
@@ -583,14 +600,7 @@ class DefaultsDatabase {
                 }
             }
         }
-        return inTransaction([&] {
-            for (const auto& [suite, rows] : copy) {
-                if (const int code = writeRows(suite, rows); code != SQLITE_OK) {
-                    return code;
-                }
-            }
-            return SQLITE_OK;
-        });
+        return inTransaction([&] { return writeSuites(copy); });
     }
 
     const std::optional<fs::path> file_;
@@ -599,7 +609,10 @@ class DefaultsDatabase {
     std::mutex stateMutex_;
     std::map<std::string, Suite, std::less<>> suites_;
     std::uint64_t generation_ = 0;
-    sqlite3_stmt* dataVersion_ = nullptr;
+    Statement dataVersion_{"PRAGMA data_version"};
+    Statement upsert_{"INSERT OR REPLACE INTO defaults (suite, key, value) VALUES (?1, ?2, ?3)"};
+    Statement removeKey_{"DELETE FROM defaults WHERE suite = ?1 AND key = ?2"};
+    Statement removeSuite_{"DELETE FROM defaults WHERE suite = ?1"};
     std::atomic<std::int64_t> lastReadRefresh_{std::numeric_limits<std::int64_t>::min() / 2};
     sqlite3_int64 loadedVersion_ = -1;
 };
