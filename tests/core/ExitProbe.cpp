@@ -1,5 +1,4 @@
-// A host that leaves with work in flight: sets an identity, starts twenty user reads and, without waiting
-// for any, returns from main (or calls exit()). Run by ExitTest, many times.
+// A host that starts twenty user reads and leaves main, or calls exit(), without waiting: run by ExitTest.
 //   exit_probe ACCOUNT_URL DATA_DIR return|exit
 #include <cstdlib>
 #include <string>

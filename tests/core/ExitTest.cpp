@@ -11,8 +11,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A host that forgets waitForPendingRequests is the common case: leaving main or calling exit() with
-// requests in flight must end the process cleanly, every time.
+// Leaving main or calling exit() with requests in flight, without waitForPendingRequests, ends cleanly.
 TEST_F(LibraryTest, AHostThatExitsWithRequestsInFlightNeverCrashes) {
     Watchdog watchdog{240s, "exit test"};
     mock::AccountServer server;

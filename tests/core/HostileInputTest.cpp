@@ -1,5 +1,4 @@
-// A hostile account server and a careless host, end to end through the facade: what reaches the wire is read
-// from the local account server's record of every request.
+// A hostile account server and a careless host, end to end; the wire is read from the local server's record.
 #include <gtest/gtest.h>
 
 #include "tests/support/ServerTest.h"
@@ -24,14 +23,15 @@ class HostileInputTest : public ServerTest {
         return velmora;
     }
     static Result<User> getUser(const Velmora& velmora) {
-        Awaited<Result<User>> user;
-        velmora.providerModule().user().getUser(user.callback());
-        return user.wait();
+        return await<Result<User>>([&](auto done) { velmora.providerModule().user().getUser(done); });
+    }
+    static Result<PushRegistrationResponse> registerPush(const Velmora& velmora, const std::string& device) {
+        return await<Result<PushRegistrationResponse>>(
+            [&](auto done) { velmora.providerModule().push().registerForPush(device, "en", done); });
     }
     static bool drain() { return Velmora::waitForPendingRequests(10s); }
 };
 
-// A token the session would refuse fails as a login error, and nothing is sent with it.
 TEST_F(HostileInputTest, AnAccessTokenThatIsNoHeaderValueIsRefusedAndNeverSent) {
     const json access = {{"authentication", {{"access_token", "abc\r\nX-Injected: yes"}, {"user_id", "7"}}}};
     server.script("POST", "/access/sdk/jwt", {.status = 200, .body = access.dump()});
@@ -44,8 +44,7 @@ TEST_F(HostileInputTest, AnAccessTokenThatIsNoHeaderValueIsRefusedAndNeverSent) 
     EXPECT_TRUE(server.requests("GET", me).empty());
 }
 
-// Each odd value through every place a host value enters a URL or a header: nothing the server receives
-// carries more than the value was meant to be, and nothing stops the process.
+// Each odd host value, in every URL or header it enters, stays in its place or is refused.
 TEST_F(HostileInputTest, OddHostValuesStayInTheirPlaceOrAreRefused) {
     const std::vector<std::string> values = {
         "", "..", "a b", "a/b", "%2F", std::string(1 << 20, 'x'), "a\r\nX-Injected: yes", "\xC3\x28\xFF"};
@@ -57,33 +56,26 @@ TEST_F(HostileInputTest, OddHostValuesStayInTheirPlaceOrAreRefused) {
         server.clearRequests();
         const bool segment =
             !value.empty() && value != ".." && value.find_first_of(" /%\r\n\xC3") == std::string::npos;
-
         EXPECT_EQ(Velmora::initialize(value, "client", server.url()), segment) << "the application id";
-
         auto velmora = start();
-        Awaited<Result<PushRegistrationResponse>> registered;
-        velmora->providerModule().push().registerForPush(value, "en", registered.callback());
-        EXPECT_EQ(registered.wait().isSuccess(), segment) << "the push identifier";
+        EXPECT_EQ(registerPush(*velmora, value).isSuccess(), segment) << "the push identifier";
         velmora->providerModule().push().unregisterForPush(value);
-        Awaited<Result<User>> tagged;
-        velmora->providerModule().user().deleteTags({value, "x&admin=1"}, tagged.callback());
-        tagged.wait();
-
+        (void)await<Result<User>>([&](auto done) {
+            velmora->providerModule().user().deleteTags({value, "x&admin=1"}, done);
+        });
         // Another account, so that the client id takes effect.
-        velmora = start("app-" + std::to_string(i), value);
-        const auto user = getUser(*velmora);
+        const auto user = getUser(*start("app-" + std::to_string(i), value));
         if (value.find('\n') != std::string::npos) {
             EXPECT_TRUE(user.isError()) << "a client id with a line break is never sent";
         } else if (value.size() < 1000) {
             ASSERT_TRUE(user.isSuccess()) << user.error().description();
-            // The server's HTTP library drops empty fields and percent-decodes values, so those are skipped.
+            // The server's HTTP library drops empty fields and percent-decodes values: those are skipped.
             if (!value.empty() && value.find('%') == std::string::npos) {
                 EXPECT_EQ(server.requests("GET", me).back().header("Client-Identifier"), value)
                     << "a well-formed client id goes out byte for byte";
             }
         }
         ASSERT_TRUE(drain());
-
         for (const auto& request : server.requests()) {
             EXPECT_FALSE(request.method == "DELETE" && request.path() == me);
             EXPECT_EQ(request.header("X-Injected"), std::nullopt);
@@ -103,17 +95,13 @@ TEST_F(HostileInputTest, AServerChosenIdentifierThatLeavesItsSegmentIsNeitherSto
     server.script("POST", "/api/mobile/push_notification_devices.json",
                   {.status = 201, .body = R"({"push_notification_device": {"identifier": "../users/me"}})"});
     const auto velmora = start();
-    Awaited<Result<PushRegistrationResponse>> registered;
-    velmora->providerModule().push().registerForPush("device-1", "en", registered.callback());
-    ASSERT_TRUE(registered.wait().isError());
+    ASSERT_TRUE(registerPush(*velmora, "device-1").isError());
     EXPECT_EQ(SessionStore("app").pushToken(), std::nullopt);
-
     velmora->setIdentity(Identity::createJwt("another-user"));
     ASSERT_TRUE(drain());
     EXPECT_TRUE(server.requests("DELETE", me).empty());
 }
 
-// Values too large for a URL fail the call like any other answer instead of stopping the process.
 TEST_F(HostileInputTest, ValuesTooLargeForAUrlFailTheCallInsteadOfStoppingTheProcess) {
     const auto velmora = start();
     Awaited<Result<User>> tagged;
@@ -122,7 +110,6 @@ TEST_F(HostileInputTest, ValuesTooLargeForAUrlFailTheCallInsteadOfStoppingThePro
     ASSERT_TRUE(tagged.wait().isError());
     EXPECT_EQ(tagged.wait().error().code(), errors::url::badURL);
     EXPECT_TRUE(tagged.onMain());
-
     logs->clear();
     velmora->providerModule().push().unregisterForPush(std::string(9 << 20, 'x'));
     EXPECT_EQ(logs->linesStartingWith("[DEBUG]: Push unregistration failed with").size(), 1u);
@@ -130,8 +117,7 @@ TEST_F(HostileInputTest, ValuesTooLargeForAUrlFailTheCallInsteadOfStoppingThePro
     EXPECT_TRUE(server.requests("DELETE", "").empty());
 }
 
-// One deadline for the whole call: a server that never answers, or one that trickles a byte every half
-// second, ends the call when the host's bound has passed, not once per hop or never.
+// A server that never answers, or trickles a byte every half second, ends the call at the host's one bound.
 TEST_F(HostileInputTest, AWholeCallEndsByTheRequestDeadline) {
     environment.http.requestDeadline = 2;
     environment.http.timeoutInterval = 2;
@@ -144,7 +130,6 @@ TEST_F(HostileInputTest, AWholeCallEndsByTheRequestDeadline) {
     ASSERT_TRUE(getUser(*velmora).isError());
     EXPECT_LT(std::chrono::steady_clock::now() - started, 3500ms)
         << "settings, login and call took one bound each";
-
     identity->update(IdentityStore::authTokenKey, PropertyValue(std::string("token")));
     ScriptedAnswer trickle{.status = 200, .chunkDelay = 500ms};
     trickle.chunks.assign(40, " ");
@@ -157,25 +142,22 @@ TEST_F(HostileInputTest, AWholeCallEndsByTheRequestDeadline) {
     ASSERT_TRUE(drain());
 }
 
-// JSON nested far deeper than any real document, from the server and from the host: a decoding error or a
-// refusal, never a stack overflow.
+// JSON nested far too deep, from the server or the host: a decoding error or a refusal, never a stack
+// overflow.
 TEST_F(HostileInputTest, DeeplyNestedJsonIsRefusedNotRecursedInto) {
     const auto nested = [](std::size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); };
     server.script(
         "GET", me,
         {.status = 200, .body = R"({"user": {"id": 1, "user_fields": {"deep": )" + nested(50'000) + "}}}"});
-    auto velmora = start();
-    const auto user = getUser(*velmora);
+    const auto user = getUser(*start());
     ASSERT_TRUE(user.isError());
     EXPECT_EQ(user.error().domain(), errors::decodingDomain);
-
     server.script("POST", "/access/sdk/jwt",
                   {.status = 401, .body = R"({"error": )" + nested(100'000) + "}"});
-    velmora = start("app2");
+    const auto velmora = start("app2");
     const auto refused = getUser(*velmora);
     ASSERT_TRUE(refused.isError());
     EXPECT_EQ(refused.error().code(), errors::accessFailed);
-
     // Built and handed over by moves only: a copy of such a value would overflow the test's own stack.
     const auto deep = [] {
         json value = json::array();
@@ -188,10 +170,10 @@ TEST_F(HostileInputTest, DeeplyNestedJsonIsRefusedNotRecursedInto) {
     };
     std::map<std::string, json> values;
     values.emplace("deep", deep());
-    Awaited<Result<User>> fields;
-    velmora->providerModule().user().setUserFields(values, fields.callback());
-    ASSERT_TRUE(fields.wait().isError());
-    EXPECT_EQ(fields.wait().error().code(), errors::encodingFailed);
+    const auto fields =
+        await<Result<User>>([&](auto done) { velmora->providerModule().user().setUserFields(values, done); });
+    ASSERT_TRUE(fields.isError());
+    EXPECT_EQ(fields.error().code(), errors::encodingFailed);
     UserAction action;
     action.value = deep();
     logs->clear();
@@ -223,7 +205,6 @@ TEST_F(HostileInputTest, InitializeRefusesAccountUrlsThatAreNoPlainBase) {
     ASSERT_TRUE(Velmora::initialize("app", "client", server.url()));
     EXPECT_FALSE(Velmora::initialize("app", "client", "http://user:pw@127.0.0.1:" + port));
     EXPECT_EQ(Velmora::instance()->accountDetails().accountUrl(), server.url()) << "the installed one stays";
-
     logs->clear();
     ASSERT_TRUE(Velmora::initialize("app", "client", server.url() + "/"));
     EXPECT_EQ(logs->linesStartingWith("[WARNING]: The account URL ").size(), 1u);

@@ -11,41 +11,27 @@ Result<Identity> decode(const char* text) {
     return Identity::fromJson(json::parse(text));
 }
 
-void expectUnknownType(const Result<Identity>& result, const char* what) {
-    ASSERT_TRUE(result.isError()) << what;
-    EXPECT_EQ(result.error().domain(), "VelmoraCoreSDK.Identity.IdentityError") << what;
-    EXPECT_EQ(result.error().code(), 0) << what;
-}
-
 TEST(IdentityTest, DecodingTriesAnonymousThenJwtThenGivesUpWithUnknownType) {
-    const auto both = decode(R"({"anonymous": {"name": "Ann"}, "jwt": {"token": "T"}})");
-    ASSERT_TRUE(both.isSuccess());
-    ASSERT_NE(both.value().anonymous(), nullptr);
-    EXPECT_EQ(both.value().anonymous()->name, "Ann");
-
-    // An anonymous member that does not decode falls through to the JWT.
-    const auto badAnonymous = decode(R"({"anonymous": {"name": 5}, "jwt": {"token": "T"}})");
-    ASSERT_TRUE(badAnonymous.isSuccess());
-    EXPECT_EQ(badAnonymous.value(), Identity::createJwt("T"));
-
-    const auto empty = decode(R"({"anonymous": {}})");
-    ASSERT_TRUE(empty.isSuccess());
-    const auto& anonymous = *empty.value().anonymous();
-    EXPECT_FALSE(anonymous.name || anonymous.email || anonymous.guid);
-    EXPECT_EQ(empty.value().toJson(), json::parse(R"({"anonymous": {}})"));
-
+    EXPECT_EQ(decode(R"({"anonymous": {"name": "Ann"}, "jwt": {"token": "T"}})").value().anonymous()->name,
+              "Ann");
+    EXPECT_EQ(decode(R"({"anonymous": {"name": 5}, "jwt": {"token": "T"}})").value(),
+              Identity::createJwt("T"))
+        << "an anonymous member that does not decode falls through to the JWT";
+    EXPECT_EQ(decode(R"({"anonymous": {}})").value().toJson(), json::parse(R"({"anonymous": {}})"));
     const auto nulls = decode(R"({"anonymous": {"name": null, "email": "e", "guid": "G"}})");
-    ASSERT_TRUE(nulls.isSuccess());
-    EXPECT_EQ(nulls.value().anonymous()->name, std::nullopt);
-    EXPECT_EQ(nulls.value().anonymous()->guid, "G");
-
+    EXPECT_EQ(std::pair(nulls.value().anonymous()->name, nulls.value().anonymous()->guid),
+              std::pair(std::optional<std::string>(), std::optional<std::string>("G")));
     EXPECT_EQ(decode(R"({"jwt": {"token": ""}})").value(), Identity::createJwt(""));
 
-    expectUnknownType(decode(R"({"jwt": {}})"), "a JWT without token is unknownType, not a missing key");
-    expectUnknownType(decode(R"({"jwt": {"token": 1}})"), "token of another type");
-    expectUnknownType(decode(R"({})"), "empty object");
-    expectUnknownType(decode(R"({"user": {"token": "T"}})"), "access-call form");
-    expectUnknownType(decode(R"(["jwt"])"), "not an object");
+    // A JWT without token is unknownType, not a missing key; so are a mistyped token and other shapes.
+    for (const char* text :
+         {R"({"jwt": {}})", R"({"jwt": {"token": 1}})", "{}", R"({"user": {"token": "T"}})", R"(["jwt"])"}) {
+        const auto result = decode(text);
+        ASSERT_TRUE(result.isError()) << text;
+        EXPECT_EQ(std::pair(result.error().domain(), result.error().code()),
+                  std::pair(std::string("VelmoraCoreSDK.Identity.IdentityError"), std::int64_t{0}))
+            << text;
+    }
     EXPECT_TRUE(Identity::decode(Data::fromString("{not json")).isError());
 }
 
@@ -54,11 +40,7 @@ TEST(IdentityTest, EncodingWritesOnlyPresentFieldsAndRoundTrips) {
     withGuid.guid = "G";
     for (const auto& identity :
          {Identity(withGuid), Identity::createAnonymous(), Identity::createJwt("a.b.c")}) {
-        const auto encoded = identity.encode();
-        ASSERT_TRUE(encoded.isSuccess());
-        const auto decoded = Identity::decode(encoded.value());
-        ASSERT_TRUE(decoded.isSuccess());
-        EXPECT_EQ(decoded.value().toJson(), identity.toJson());
+        EXPECT_EQ(Identity::decode(identity.encode().value()).value().toJson(), identity.toJson());
     }
     EXPECT_EQ(Identity(withGuid).toJson(), json::parse(R"({"anonymous": {"name": "Ann", "guid": "G"}})"));
     // The access call's body names the GUID differently and nests under "user".
@@ -79,7 +61,6 @@ TEST(IdentityTest, EqualityComparesNameAndEmailOrTheTokenAndNeverTheGuid) {
         {Identity::createAnonymous("Ann", "ann@one.example"),
          Identity::createAnonymous("Ann", "Ann@one.example"), false},
         {Identity::createAnonymous(), Identity::createJwt(""), false},
-        {Identity::createJwt("T"), Identity::createJwt("T"), true},
         {Identity::createJwt("T"), Identity::createJwt("t"), false},
         // Canonical equivalence: precomposed and decomposed, a singleton (angstrom sign), mark order.
         {Identity::createJwt("caf\u00e9"), Identity::createJwt("cafe\u0301"), true},

