@@ -31,6 +31,8 @@ class ScratchEnvironment {
         environment = platform::Environment::linuxDefaults("velmora-bench");
         environment.dataDirectory = root / "data";
         environment.cachesDirectory = root / "caches";
+        environment.documentsDirectory = root / "documents";  // a host's documents folder exists
+        std::filesystem::create_directory(*environment.documentsDirectory);
         platform::Environment::install(environment);
     }
     ~ScratchEnvironment() {

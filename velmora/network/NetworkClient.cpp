@@ -157,13 +157,19 @@ Result<platform::URLRequest> NetworkClient::intercept(const platform::URLRequest
                                                       const Interceptors& interceptors) {
     auto current = Result<platform::URLRequest>::success(request);
     for (const auto& interceptor : interceptors.requestInterceptors) {
+        // The descriptions are composed only for a log that takes them: this runs for every request.
+        const bool logging = CoreLogger::isLogging(LogLevel::verbose);
         if (current.isError()) {
-            CoreLogger::verbose("Halting " + interceptor->description() + " with error: error(" +
-                                current.error().description() + ")");
+            if (logging) {
+                CoreLogger::verbose("Halting " + interceptor->description() + " with error: error(" +
+                                    current.error().description() + ")");
+            }
             return current;
         }
         interceptors.interceptorQueue.sync([&] {
-            CoreLogger::verbose("Calling interceptor " + interceptor->description());
+            if (logging) {
+                CoreLogger::verbose("Calling interceptor " + interceptor->description());
+            }
             current = interceptor->intercept(std::move(current), interceptors.interceptorGroup);
         });
     }

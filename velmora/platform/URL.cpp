@@ -34,8 +34,17 @@ std::optional<URL> URL::fromString(std::string_view text) {
     url.port_ = port.empty() ? 0 : std::stoi(port);
     url.hasUserInfo_ =
         !part(handle.get(), CURLUPART_USER).empty() || !part(handle.get(), CURLUPART_PASSWORD).empty();
-    url.query_ = part(handle.get(), CURLUPART_QUERY);
-    url.fragment_ = part(handle.get(), CURLUPART_FRAGMENT);
+    // libcurl keeps the query and the fragment as given; cut from the text, a long query (an event's
+    // payload) is not copied twice more.
+    const auto hash = copy.find('#');
+    const auto question = copy.find('?');
+    if (hash != std::string::npos) {
+        url.fragment_ = copy.substr(hash + 1);
+    }
+    if (question < hash) {
+        url.query_ =
+            copy.substr(question + 1, hash == std::string::npos ? std::string::npos : hash - question - 1);
+    }
     if (url.scheme_.empty() || url.host_.empty()) {
         return std::nullopt;
     }

@@ -239,10 +239,19 @@ bool URLCache::openDisk(bool create) {
     if (disk_ != nullptr || diskTried_) {
         return disk_ != nullptr;
     }
-    std::error_code absent;
-    if (!directory_ || diskCapacity_ == 0 ||
-        (!create && !std::filesystem::exists(*directory_ / "Cache.db", absent))) {
+    if (!directory_ || diskCapacity_ == 0) {
         return false;
+    }
+    if (!create) {
+        const auto now = std::chrono::steady_clock::now();
+        if (diskAbsentAt_ && now - *diskAbsentAt_ < std::chrono::seconds(1)) {
+            return false;
+        }
+        std::error_code absent;
+        if (!std::filesystem::exists(*directory_ / "Cache.db", absent)) {
+            diskAbsentAt_ = now;
+            return false;
+        }
     }
     diskTried_ = true;
     if (auto error = FileManager::createDirectory(*directory_, std::filesystem::perms::owner_all)) {

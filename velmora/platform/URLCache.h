@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -86,6 +87,9 @@ class URLCache {
     std::size_t memoryUsage_ = 0;
     sqlite3* disk_ = nullptr;
     bool diskTried_ = false;
+    // When a lookup last found no disk file: another process may create one, but every request looking
+    // for it again would cost a file-system call on the session's thread.
+    std::optional<std::chrono::steady_clock::time_point> diskAbsentAt_;
     std::int64_t useCounter_ = 0;
 };
 

@@ -450,7 +450,10 @@ struct URLSession::Engine {
         }
         char* effective = nullptr;
         curl_easy_getinfo(transfer.easy, CURLINFO_EFFECTIVE_URL, &effective);
-        auto url = effective != nullptr ? URL::fromString(effective) : std::nullopt;
+        // Usually the URL this hop asked for, as it was given: parsed again only when libcurl changed it.
+        auto url = effective == nullptr                                 ? std::nullopt
+                   : transfer.request.url.absoluteString() == effective ? std::optional(transfer.request.url)
+                                                                        : URL::fromString(effective);
         auto response = std::make_shared<const HTTPURLResponse>(
             url ? *url : transfer.task->request_.url, static_cast<int>(status), transfer.responseHeaders);
         std::lock_guard lock(transfer.task->mutex_);

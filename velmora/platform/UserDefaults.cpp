@@ -625,20 +625,33 @@ std::shared_ptr<DefaultsDatabase> databaseForCurrentEnvironment() {
     static auto* mutex = new std::mutex();
     static auto* databases = new std::map<std::string, std::shared_ptr<DefaultsDatabase>>();
     static auto* memoryOnly = new std::shared_ptr<DefaultsDatabase>();
+    // Every store a request builds asks for its database: the last environment's is kept, so that only a
+    // replaced environment costs a path and a lookup. A weak reference, so that the host's callbacks in a
+    // replaced environment are not kept alive, and an expired one never matches a new one at its address.
+    static auto* lastEnvironment = new std::weak_ptr<const Environment>();
+    static auto* lastDatabase = new std::shared_ptr<DefaultsDatabase>();
 
-    const auto env = Environment::current();
+    auto env = Environment::current();
     std::lock_guard lock(*mutex);
+    if (lastEnvironment->lock() == env) {
+        return *lastDatabase;
+    }
+    std::shared_ptr<DefaultsDatabase> database;
     if (!env->dataDirectory) {
         if (!*memoryOnly) {
             *memoryOnly = std::make_shared<DefaultsDatabase>(std::nullopt);
         }
-        return *memoryOnly;
+        database = *memoryOnly;
+    } else {
+        const fs::path file = *env->dataDirectory / "UserDefaults.sqlite";
+        auto& kept = (*databases)[file.string()];
+        if (!kept) {
+            kept = std::make_shared<DefaultsDatabase>(file);
+        }
+        database = kept;
     }
-    const fs::path file = *env->dataDirectory / "UserDefaults.sqlite";
-    auto& database = (*databases)[file.string()];
-    if (!database) {
-        database = std::make_shared<DefaultsDatabase>(file);
-    }
+    *lastEnvironment = env;
+    *lastDatabase = database;
     return database;
 }
 

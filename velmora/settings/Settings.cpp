@@ -202,7 +202,9 @@ Result<platform::URLRequest> SettingsRequestInterceptor::intercept(Result<platfo
     if (needToFetchSettings()) {
         group.enter();
         settingsProvider_->getSettings<CoreSettings>([group](CoreSettings settings) {
-            CoreLogger::verbose("Settings interceptor retrived settings: " + settings.description());
+            if (CoreLogger::isLogging(LogLevel::verbose)) {
+                CoreLogger::verbose("Settings interceptor retrived settings: " + settings.description());
+            }
             group.leave();
         });
         group.wait();

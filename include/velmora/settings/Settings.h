@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -72,14 +73,30 @@ concept DecodableDefault = requires(const nlohmann::json& json) {
     { T::fromJson(json) } -> std::same_as<Result<T>>;
 };
 
-// Decodes a typed view from the stored or fetched bytes.
+// Decodes a typed view from the stored or fetched bytes. Every request reads its view of the same stored
+// document while that is fresh, so the last decoding of each view is kept, for exactly those bytes.
 template <DecodableDefault T>
 Result<T> decodeSettings(const Data& data) {
-    const auto document = platform::parseJson(data.view());
-    if (document.is_discarded()) {
-        return Result<T>::error(Error(std::string(errors::decodingDomain), errors::dataCorrupted));
+    struct Last {
+        std::mutex mutex;
+        std::optional<Data> document;
+        std::optional<Result<T>> decoded;
+    };
+    static auto* last = new Last();  // leaked: requests may still decode during static destruction
+    {
+        std::lock_guard lock(last->mutex);
+        if (last->document == data) {
+            return *last->decoded;
+        }
     }
-    return T::fromJson(document);
+    const auto document = platform::parseJson(data.view());
+    auto decoded = document.is_discarded()
+                       ? Result<T>::error(Error(std::string(errors::decodingDomain), errors::dataCorrupted))
+                       : T::fromJson(document);
+    std::lock_guard lock(last->mutex);
+    last->document = data;
+    last->decoded = decoded;
+    return decoded;
 }
 
 // Whether cached data may still be used: strictly after its start and strictly before it expires.
