@@ -54,35 +54,30 @@ TEST_F(BlipRecordsTest, DeviceFactsAreReadAfreshAsText) {
               std::pair(std::string("-1"), std::string("-1")));
 }
 
-TEST_F(BlipRecordsTest, AUserActionWithoutLabelOrPayloadCarriesOnlyTheDevice) {
-    const auto request =
+TEST_F(BlipRecordsTest, EachKindOfEventCarriesOnlyWhatItHasWithItsKeysInTheStatedOrder) {
+    const auto action =
         BlipRequest::makeUserAction("app", "UUID", "2.0.0", "core_sdk", "1", fiveMillisPast, std::nullopt,
                                     "CoreSDK", "PushOn", std::nullopt, std::nullopt);
-    const auto encoded = json::parse(request.data().value().view());
+    EXPECT_TRUE(
+        action.data().value().toString().starts_with(R"({"appId":"app","uuid":"UUID","version":"2.0.0")"))
+        << "keys go out in their stated order";
+    auto encoded = json::parse(action.data().value().view());
     EXPECT_EQ(encoded["timestamp"], "2026-11-21T19:29:28.005Z");
     EXPECT_FALSE(encoded.contains("userId") || encoded.contains("url") || encoded.contains("pageView"));
     EXPECT_EQ(encoded["userAction"].size(), 3u);
-    ASSERT_EQ(encoded["userAction"]["value"].size(), 1u);
+    ASSERT_EQ(encoded["userAction"]["value"].size(), 1u) << "no label, no payload";
     EXPECT_EQ(encoded["userAction"]["value"]["device"].size(), 10u);
-    EXPECT_TRUE(
-        request.data().value().toString().starts_with(R"({"appId":"app","uuid":"UUID","version":"2.0.0")"))
-        << "keys go out in their stated order";
-}
 
-TEST_F(BlipRecordsTest, APageViewCarriesItsUrlUserIdAndPayload) {
-    const auto request = BlipRequest::makePageView("app", "UUID", "1.0", "web", "1", fiveMillisPast, 0,
-                                                   "Help", "fr", "https://h", json{{"article", 7}});
-    const auto encoded = json::parse(request.data().value().view());
-    EXPECT_EQ(encoded["userId"], 0);
-    EXPECT_EQ(encoded["url"], "https://h");
+    const auto page = BlipRequest::makePageView("app", "UUID", "1.0", "web", "1", fiveMillisPast, 0, "Help",
+                                                "fr", "https://h", json{{"article", 7}});
+    encoded = json::parse(page.data().value().view());
     EXPECT_FALSE(encoded.contains("userAction"));
+    EXPECT_EQ(json({encoded["userId"], encoded["url"], encoded["pageView"]["navigatorLanguage"]}),
+              json({0, "https://h", "fr"}));
     EXPECT_EQ(encoded["pageView"]["value"]["payload"], json({{"article", 7}}));
-    EXPECT_EQ(encoded["pageView"]["navigatorLanguage"], "fr");
-    EXPECT_TRUE(BlipRequest::makePageView("app", "UUID", "1", "c", "1", fiveMillisPast, std::nullopt, "\xff",
-                                          "fr", "u", std::nullopt)
-                    .data()
-                    .isError())
-        << "text that is not UTF-8 cannot be sent";
+    const auto notText = BlipRequest::makePageView("app", "UUID", "1", "c", "1", fiveMillisPast, std::nullopt,
+                                                   "\xff", "fr", "u", std::nullopt);
+    EXPECT_TRUE(notText.data().isError()) << "text that is not UTF-8 cannot be sent";
 }
 
 class BlipsProviderTest : public ServerTest {

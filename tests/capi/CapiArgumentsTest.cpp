@@ -38,48 +38,23 @@ struct Row {
     Row { #release, logged, [&](VMKError**) { return release(reinterpret_cast<Type*>(other)), true; } }
 // clang-format on
 
-class CapiArgumentsTest : public LibraryTest {
-  protected:
-    void SetUp() override {
-        ASSERT_TRUE(VMKVelmoraInitialize("capi-arguments", "client", "http://127.0.0.1:9", nullptr));
-        velmora = VMKVelmoraCopyInstance(nullptr);
-        users = VMKUserProviderCreate(velmora, nullptr);
-        push = VMKPushProviderCreate(velmora, nullptr);
-        blips = VMKBlipsProviderCreate(velmora, nullptr);
-        jwt = VMKObjCJwtCreate("token", nullptr);
-        anonymous = VMKObjCAnonymousCreate(nullptr, nullptr, nullptr);
-        ASSERT_EQ(VMKObjCJwtCreate(nullptr, &error), nullptr);
-        UserField withOption;
-        withOption.custom_field_options = std::vector<UserFieldOption>{UserFieldOption{}};
-        field = new VMKUserField(withOption);
-    }
-
-    void TearDown() override {
-        VMKUserProviderRelease(users);
-        VMKPushProviderRelease(push);
-        VMKBlipsProviderRelease(blips);
-        VMKObjCJwtRelease(jwt);
-        VMKObjCAnonymousRelease(anonymous);
-        VMKErrorRelease(error);
-        VMKUserRelease(user);
-        VMKUserFieldRelease(field);
-        VMKVelmoraRelease(velmora);
-        EXPECT_EQ(VMKDebugLiveHandleCount(), 0u);
-    }
-
-    VMKVelmora* velmora = nullptr;
-    VMKUserProvider* users = nullptr;
-    VMKPushProvider* push = nullptr;
-    VMKBlipsProvider* blips = nullptr;
-    // The handles, not the C++ classes of the same names.
-    ::VMKObjCJwt* jwt = nullptr;
-    ::VMKObjCAnonymous* anonymous = nullptr;
-    VMKError* error = nullptr;
-    VMKUser* user = new VMKUser(User{});
-    VMKUserField* field = nullptr;
-};
+using CapiArgumentsTest = LibraryTest;
 
 TEST_F(CapiArgumentsTest, EveryFunctionRefusesWithItsFailureValueAndAnErrorOrALogLine) {
+    ASSERT_TRUE(VMKVelmoraInitialize("capi-arguments", "client", "http://127.0.0.1:9", nullptr));
+    VMKVelmora* velmora = VMKVelmoraCopyInstance(nullptr);
+    VMKUserProvider* users = VMKUserProviderCreate(velmora, nullptr);
+    VMKPushProvider* push = VMKPushProviderCreate(velmora, nullptr);
+    VMKBlipsProvider* blips = VMKBlipsProviderCreate(velmora, nullptr);
+    // The handles, not the C++ classes of the same names.
+    ::VMKObjCJwt* jwt = VMKObjCJwtCreate("token", nullptr);
+    ::VMKObjCAnonymous* anonymous = VMKObjCAnonymousCreate(nullptr, nullptr, nullptr);
+    VMKError* error = nullptr;
+    ASSERT_EQ(VMKObjCJwtCreate(nullptr, &error), nullptr);
+    VMKUser* user = new VMKUser(User{});
+    UserField withOption;
+    withOption.custom_field_options = std::vector<UserFieldOption>{UserFieldOption{}};
+    VMKUserField* field = new VMKUserField(withOption);
     const char* badTag[] = {notUtf8};
     const char* nullTag[] = {nullptr};
     auto* otherProvider = reinterpret_cast<VMKUserProvider*>(push);
@@ -158,6 +133,17 @@ TEST_F(CapiArgumentsTest, EveryFunctionRefusesWithItsFailureValueAndAnErrorOrALo
         // Asked for an error, the function logs nothing; without outError it logs the refusal once.
         EXPECT_EQ(logs->linesStartingWith(std::string(row.function) + ": ").size(), 1u);
     }
+
+    VMKUserProviderRelease(users);
+    VMKPushProviderRelease(push);
+    VMKBlipsProviderRelease(blips);
+    VMKObjCJwtRelease(jwt);
+    VMKObjCAnonymousRelease(anonymous);
+    VMKErrorRelease(error);
+    VMKUserRelease(user);
+    VMKUserFieldRelease(field);
+    VMKVelmoraRelease(velmora);
+    EXPECT_EQ(VMKDebugLiveHandleCount(), 0u);
 }
 
 }  // namespace

@@ -2,10 +2,8 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include "tests/support/LibraryTest.h"
 #include "tests/support/PersistedDefaults.h"
-#include "tests/support/Watchdog.h"
-#include "tools/velmora-mock/AccountServer.h"
+#include "tests/support/ServerTest.h"
 
 namespace velmora::testing {
 namespace {
@@ -34,7 +32,7 @@ ProcessRun runProgram(const std::filesystem::path& directory, std::vector<std::s
     return run;
 }
 
-class CliTest : public LibraryTest {
+class CliTest : public ServerTest {
   protected:
     // One launch of the host app for the account on `server`, with its state in this test's directories.
     ProcessRun velmora(std::vector<std::string> command, std::vector<std::string> options = {}) {
@@ -46,8 +44,6 @@ class CliTest : public LibraryTest {
         arguments.insert(arguments.end(), command.begin(), command.end());
         return runProgram(root, std::move(arguments));
     }
-    Watchdog watchdog{90s, "command-line test"};
-    AccountServer server;
     std::vector<std::string> launcher;  // what runs the command-line host, when not itself
 };
 
@@ -56,9 +52,7 @@ TEST_F(CliTest, StateCarriesOverBetweenLaunchesAndLoginHappensOnce) {
     ASSERT_EQ(set.exitCode, 0) << set.err;
     EXPECT_EQ(set.outJson(), json::object());
     EXPECT_TRUE(server.requests().empty()) << "login is lazy";
-    const auto shown = velmora({"identity", "show"});
-    EXPECT_EQ(shown.outJson()["anonymous"]["name"], "Ann");
-    EXPECT_TRUE(shown.outJson()["anonymous"]["guid"].is_string());
+    EXPECT_TRUE(velmora({"identity", "show"}).outJson()["anonymous"]["guid"].is_string());
     const auto first = velmora({"user", "get"});
     ASSERT_EQ(first.exitCode, 0) << first.err;
     EXPECT_EQ(first.outJson()["name"], "Ann");
@@ -79,13 +73,10 @@ TEST_F(CliTest, FailuresPrintTheErrorAndUsageAndTimeOutsHaveTheirOwnCodes) {
     const auto noIdentity = velmora({"user", "get"});
     EXPECT_EQ(noIdentity.exitCode, 1);
     EXPECT_EQ(noIdentity.out, "");
-    EXPECT_EQ(noIdentity.errJson()["domain"], "com.velmora.core.access");
-    EXPECT_EQ(noIdentity.errJson()["code"], 100);
+    EXPECT_EQ(noIdentity.errJson().size(), 3u) << "domain, code and description: " << noIdentity.err;
+    EXPECT_EQ(json({noIdentity.errJson()["domain"], noIdentity.errJson()["code"]}),
+              json({"com.velmora.core.access", 100}));
     ASSERT_EQ(velmora({"identity", "jwt", "jwt-1"}).exitCode, 0);
-    server.script("GET", "/api/mobile/users/me.json", {.status = 500, .body = R"({"error": "boom"})"});
-    const auto serverError = velmora({"user", "get"});
-    EXPECT_EQ(serverError.exitCode, 1);
-    EXPECT_EQ(serverError.errJson().size(), 3u) << "domain, code and description: " << serverError.err;
     const auto before = server.requests().size();
     for (const auto& wrong : std::vector<std::vector<std::string>>{
              {"user", "frobnicate"}, {"push", "register"}, {"blip", "action", "--version", "1"}, {}}) {

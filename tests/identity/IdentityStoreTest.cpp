@@ -40,29 +40,22 @@ bool isUuid(const std::optional<std::string>& text) {
 }
 
 TEST_F(IdentityStoreTest, ANewIdentityRenewsTheUuidAndGivesOnlyAnonymousUsersAGuidAnEqualOneKeepsThem) {
-    EXPECT_EQ(store.uuid(), "");
     store.update(IdentityStore::authTokenKey, "token-1");
     store.update(IdentityStore::userIdKey, 42);
     store.store(Identity::createAnonymous("Ann", std::nullopt));
-    const auto firstGuid = store.guid();
-    const auto firstUuid = store.uuid();
-    EXPECT_TRUE(isUuid(firstGuid) && isUuid(firstUuid));
-    EXPECT_NE(firstGuid, firstUuid);
+    const auto first = std::pair(store.guid(), store.uuid());
+    EXPECT_TRUE(isUuid(first.first) && isUuid(first.second) && first.first != first.second);
     EXPECT_EQ(store.userId(), std::nullopt) << "every store forgets the user id";
     EXPECT_EQ(store.oauthToken(), "token-1") << "the token is cleared by the session clearing, not by store";
 
     store.store(Identity::createAnonymous("Bob", std::nullopt));
-    const auto guid = store.guid();
-    const auto uuid = store.uuid();
-    EXPECT_NE(guid, firstGuid);
-    EXPECT_NE(uuid, firstUuid);
+    const auto second = std::pair(store.guid(), store.uuid());
+    EXPECT_TRUE(second.first != first.first && second.second != first.second) << "both renewed";
 
     // An equal identity rewrites only itself.
     store.update(IdentityStore::userIdKey, 0);
-    Anonymous withOtherGuid = Anonymous::withName("Bob", std::nullopt);
-    withOtherGuid.guid = "SOMETHING-ELSE";
-    store.storeIdentityOnly(Identity(withOtherGuid));
-    EXPECT_EQ(std::pair(guid, uuid), std::pair(store.guid(), store.uuid()));
+    store.storeIdentityOnly(Identity(Anonymous{"Bob", std::nullopt, "SOMETHING-ELSE"}));
+    EXPECT_EQ(second, std::pair(store.guid(), store.uuid()));
     EXPECT_EQ(store.oauthToken(), "token-1");
     EXPECT_EQ(store.userId(), 0) << "zero is a user id, not its absence";
     EXPECT_EQ(persisted("user_id"), PropertyValue(0));
@@ -72,10 +65,6 @@ TEST_F(IdentityStoreTest, ANewIdentityRenewsTheUuidAndGivesOnlyAnonymousUsersAGu
     EXPECT_EQ(persisted("guid"), std::nullopt);
     EXPECT_EQ(persisted("uuid"), PropertyValue(store.uuid()));
     EXPECT_EQ(persisted("identity"), PropertyValue(Data::fromString(R"({"jwt":{"token":"T"}})")));
-    store.storeGuid("OLD-GUID");
-    EXPECT_EQ(persisted("guid"), PropertyValue("OLD-GUID"));
-    store.storeGuid(std::nullopt);
-    EXPECT_EQ(store.guid(), std::nullopt);
 }
 
 TEST_F(IdentityStoreTest, MalformedValuesReadAsAbsentAndAnUnencodableIdentityIsNotStored) {
@@ -107,100 +96,80 @@ PropertyValue classRecord(const char* name) {
     return Dictionary{{"$classname", name}, {"$classes", Array{name, "NSObject"}}};
 }
 
-class LegacyIdentityMigratorTest : public IdentityStoreTest {
-  protected:
-    struct Legacy {
-        std::optional<PropertyValue> archive = std::nullopt;
-        std::optional<PropertyValue> guid = std::nullopt;
-        std::optional<PropertyValue> oauth = PropertyValue("old-token");
-        std::optional<PropertyValue> userId = PropertyValue(77);
+using LegacyIdentityMigratorTest = IdentityStoreTest;
+
+// Only the same identity takes the records over (only an anonymous one its GUID; values of the wrong type are
+// skipped one by one); the records are deleted all the same, on disk.
+TEST_F(LegacyIdentityMigratorTest, OnlyTheSameIdentityTakesTheRecordsOverAndTheyAreDeletedAllTheSame) {
+    struct Legacy {  // what the earlier generation left behind
+        std::optional<PropertyValue> archive = std::nullopt, guid = std::nullopt;
+        std::optional<PropertyValue> oauth = PropertyValue("old-token"), userId = PropertyValue(77);
         std::optional<PropertyValue> pushToken = PropertyValue("old-device");
     };
-
-    // What the earlier generation left behind, on disk as a later launch finds it.
-    void plant(const Legacy& legacy) {
-        const auto standard = UserDefaults::standard();
-        const std::pair<const char*, std::optional<PropertyValue>> values[] = {
-            {"vmk-identity", legacy.archive},
-            {"vmK-auth-guid", legacy.guid},
-            {"vmk-oauth", legacy.oauth},
-            {"vmk-user-id", legacy.userId}};
-        for (const auto& [key, value] : values) {
-            if (value) {
-                standard->set(key, *value);
-            }
-        }
-        ASSERT_TRUE(standard->synchronize());
-        if (legacy.pushToken) {
-            const auto push = UserDefaults::suite("com.velmora.push");
-            push->set("device-token", *legacy.pushToken);
-            ASSERT_TRUE(push->synchronize());
-        }
-    }
-    bool migrate(const Identity& identity) {
+    // The token, the user id, the GUID and the push token.
+    using Carried = std::tuple<std::optional<std::string>, std::optional<std::int64_t>,
+                               std::optional<std::string>, std::optional<std::string>>;
+    const auto jwt = VMKJwtIdentity("T").archivedData();
+    const auto anonymous = VMKAnonymousIdentity("N", "E").archivedData();
+    const struct {
+        const char* what;
+        Legacy legacy;
+        Identity identity;
+        Carried carried;  // all empty: nothing was taken over, and the check says so
+    } cases[] = {
+        {"the same JWT",
+         {.archive = jwt, .guid = "OLD-GUID"},
+         Identity::createJwt("T"),
+         {"old-token", 77, std::nullopt, "old-device"}},
+        {"the same anonymous",
+         {.archive = anonymous, .guid = "OLD-GUID"},
+         Identity::createAnonymous("N", "E"),
+         {"old-token", 77, "OLD-GUID", "old-device"}},
+        {"values of the wrong type",
+         {.archive = VMKAnonymousIdentity(std::nullopt, std::nullopt).archivedData(),
+          .guid = "G",
+          .oauth = 12,
+          .userId = "12",
+          .pushToken = Data::fromString("raw")},
+         Identity::createAnonymous(),
+         {std::nullopt, std::nullopt, "G", std::nullopt}},
+        {"another JWT", {.archive = jwt}, Identity::createJwt("U"), {}},
+        {"another email",
+         {.archive = anonymous, .guid = "OLD-GUID"},
+         Identity::createAnonymous("N", "other@e.example"),
+         {}},
+        {"anonymous without its GUID", {.archive = anonymous}, Identity::createAnonymous("N", "E"), {}},
+        {"unreadable archive", {.archive = Data::fromString("junk")}, Identity::createJwt("T"), {}}};
+    const auto migrate = [](const Identity& identity) {
         return LegacyIdentityMigrator(ApplicationConfiguration("app", "client", "https://a.example"),
                                       identity)
             .checkedAndMigratedIdentity();
-    }
-    auto carried() const {  // the token, the user id, the GUID and the push token
-        return std::tuple(store.oauthToken(), store.userId(), store.guid(), sessionStore.pushToken());
-    }
-    // Deleted on disk, as the next launch reads it.
-    void expectLegacyGone() {
-        for (const char* key : {"vmk-identity", "vmK-auth-guid", "vmk-oauth", "vmk-user-id"}) {
-            EXPECT_EQ(persistedValue(file(), "velmora-tests", key), std::nullopt) << key;
-        }
-        EXPECT_EQ(persistedValue(file(), "com.velmora.push", "device-token"), std::nullopt);
-    }
-};
-
-TEST_F(LegacyIdentityMigratorTest, TheSameIdentityCarriesEverythingOverAndOnlyAnAnonymousOneItsGuid) {
-    const auto carriedOver = [&](const Data& legacy, const Identity& identity,
-                                 const std::optional<std::string>& guid) {
-        SCOPED_TRACE(identity.toJson().dump());
-        store.clear(), sessionStore.clear();
-        plant({.archive = legacy, .guid = "OLD-GUID"});
-        EXPECT_TRUE(migrate(identity));
-        EXPECT_EQ(carried(),
-                  std::tuple(std::optional<std::string>("old-token"), std::optional<std::int64_t>(77), guid,
-                             std::optional<std::string>("old-device")))
-            << "only anonymous identities take the old GUID";
-        expectLegacyGone();
-        EXPECT_FALSE(migrate(identity)) << "the legacy data is gone after the first check";
     };
-    carriedOver(VMKJwtIdentity("T").archivedData(), Identity::createJwt("T"), std::nullopt);
-    carriedOver(VMKAnonymousIdentity("N", "E").archivedData(), Identity::createAnonymous("N", "E"),
-                "OLD-GUID");
-}
-
-TEST_F(LegacyIdentityMigratorTest, AnotherOrUnreadableIdentityCarriesNothingOverAndIsDeletedAllTheSame) {
-    const auto anonymous = VMKAnonymousIdentity("N", "E").archivedData();
-    const std::tuple<const char*, Legacy, Identity> cases[] = {
-        {"another JWT", {.archive = VMKJwtIdentity("T").archivedData()}, Identity::createJwt("U")},
-        {"another email",
-         {.archive = anonymous, .guid = "OLD-GUID"},
-         Identity::createAnonymous("N", "other@e.example")},
-        {"anonymous without its GUID", {.archive = anonymous}, Identity::createAnonymous("N", "E")},
-        {"unreadable archive", {.archive = Data::fromString("junk")}, Identity::createJwt("T")}};
-    for (const auto& [what, legacy, identity] : cases) {
-        SCOPED_TRACE(what);
-        plant(legacy);
-        EXPECT_FALSE(migrate(identity));
-        EXPECT_EQ(carried(), decltype(carried()){});
-        expectLegacyGone();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        store.clear(), sessionStore.clear();
+        // On disk, as a later launch finds them; then deleted on disk, as the next launch reads them.
+        const std::tuple<const char*, const char*, std::optional<PropertyValue>> records[] = {
+            {"velmora-tests", "vmk-identity", c.legacy.archive},
+            {"velmora-tests", "vmK-auth-guid", c.legacy.guid},
+            {"velmora-tests", "vmk-oauth", c.legacy.oauth},
+            {"velmora-tests", "vmk-user-id", c.legacy.userId},
+            {"com.velmora.push", "device-token", c.legacy.pushToken}};
+        for (const auto& [suite, key, value] : records) {
+            if (value) {
+                const auto defaults = UserDefaults::suite(suite);  // "velmora-tests": the standard defaults
+                defaults->set(key, *value);
+                ASSERT_TRUE(defaults->synchronize());
+            }
+        }
+        EXPECT_EQ(migrate(c.identity), c.carried != Carried{});
+        EXPECT_EQ((Carried{store.oauthToken(), store.userId(), store.guid(), sessionStore.pushToken()}),
+                  c.carried);
+        for (const auto& [suite, key, value] : records) {
+            EXPECT_EQ(persistedValue(file(), suite, key), std::nullopt) << key;
+        }
+        EXPECT_FALSE(migrate(c.identity)) << "the records are gone after the first check";
     }
-}
-
-TEST_F(LegacyIdentityMigratorTest, ValuesOfTheWrongTypeAreSkippedOneByOne) {
-    plant({.archive = VMKAnonymousIdentity(std::nullopt, std::nullopt).archivedData(),
-           .guid = "G",
-           .oauth = 12,
-           .userId = "12",
-           .pushToken = Data::fromString("raw")});
-    EXPECT_TRUE(migrate(Identity::createAnonymous()));
-    EXPECT_EQ(carried(), std::tuple(std::optional<std::string>(), std::optional<std::int64_t>(),
-                                    std::optional<std::string>("G"), std::optional<std::string>()));
-    expectLegacyGone();
 }
 
 TEST(KeyedArchiveTest, TheWrittenShapeIsTheRuntimesAndMutableStringsAndNullsRead) {

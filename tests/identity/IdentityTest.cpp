@@ -12,16 +12,17 @@ Result<Identity> decode(const char* text) {
 }
 
 TEST(IdentityTest, DecodingTriesAnonymousThenJwtThenGivesUpWithUnknownType) {
-    EXPECT_EQ(decode(R"({"anonymous": {"name": "Ann"}, "jwt": {"token": "T"}})").value().anonymous()->name,
-              "Ann");
-    EXPECT_EQ(decode(R"({"anonymous": {"name": 5}, "jwt": {"token": "T"}})").value(),
-              Identity::createJwt("T"))
-        << "an anonymous member that does not decode falls through to the JWT";
-    EXPECT_EQ(decode(R"({"anonymous": {}})").value().toJson(), json::parse(R"({"anonymous": {}})"));
-    const auto nulls = decode(R"({"anonymous": {"name": null, "email": "e", "guid": "G"}})");
-    EXPECT_EQ(std::pair(nulls.value().anonymous()->name, nulls.value().anonymous()->guid),
-              std::pair(std::optional<std::string>(), std::optional<std::string>("G")));
-    EXPECT_EQ(decode(R"({"jwt": {"token": ""}})").value(), Identity::createJwt(""));
+    // An anonymous member that does not decode falls through to the JWT; a null reads as absent.
+    for (const auto& [text, decoded] : std::initializer_list<std::pair<const char*, const char*>>{
+             {R"({"anonymous": {"name": "Ann"}, "jwt": {"token": "T"}})",
+              R"({"anonymous": {"name": "Ann"}})"},
+             {R"({"anonymous": {"name": 5}, "jwt": {"token": "T"}})", R"({"jwt": {"token": "T"}})"},
+             {R"({"anonymous": {}})", R"({"anonymous": {}})"},
+             {R"({"anonymous": {"name": null, "email": "e", "guid": "G"}})",
+              R"({"anonymous": {"email": "e", "guid": "G"}})"},
+             {R"({"jwt": {"token": ""}})", R"({"jwt": {"token": ""}})"}}) {
+        EXPECT_EQ(decode(text).value().toJson(), json::parse(decoded)) << text;
+    }
 
     // A JWT without token is unknownType, not a missing key; so are a mistyped token and other shapes.
     for (const char* text :
@@ -35,22 +36,17 @@ TEST(IdentityTest, DecodingTriesAnonymousThenJwtThenGivesUpWithUnknownType) {
     EXPECT_TRUE(Identity::decode(Data::fromString("{not json")).isError());
 }
 
-TEST(IdentityTest, EncodingWritesOnlyPresentFieldsAndRoundTrips) {
-    Anonymous withGuid = Anonymous::withName("Ann", std::nullopt);
-    withGuid.guid = "G";
-    for (const auto& identity :
-         {Identity(withGuid), Identity::createAnonymous(), Identity::createJwt("a.b.c")}) {
-        EXPECT_EQ(Identity::decode(identity.encode().value()).value().toJson(), identity.toJson());
-    }
-    EXPECT_EQ(Identity(withGuid).toJson(), json::parse(R"({"anonymous": {"name": "Ann", "guid": "G"}})"));
+// That what is written reads back the same is checked by replaying the identity decoder's fuzz corpus.
+TEST(IdentityTest, EncodingWritesOnlyPresentFields) {
+    EXPECT_EQ(Identity(Anonymous{"Ann", std::nullopt, "G"}).toJson(),
+              json::parse(R"({"anonymous": {"name": "Ann", "guid": "G"}})"));
     // The access call's body names the GUID differently and nests under "user".
     EXPECT_EQ(json(IdentityContainer<AnonymousDecorator>{{"G", "Ann", "a@b.example"}}),
               json::parse(R"({"user": {"sdk_guid": "G", "name": "Ann", "email": "a@b.example"}})"));
 }
 
 TEST(IdentityTest, EqualityComparesNameAndEmailOrTheTokenAndNeverTheGuid) {
-    Anonymous annWithGuid = Anonymous::withName("Ann", "ann@one.example");
-    annWithGuid.guid = "1";
+    const Anonymous annWithGuid{"Ann", "ann@one.example", "1"};
     const auto ann = [](const char* name) { return Identity::createAnonymous(name, std::nullopt); };
     const struct {
         Identity a, b;

@@ -1,13 +1,15 @@
 // The local account server's executable, run as people run it and spoken to over HTTP.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
-#include <sstream>
 #include <thread>
 #include <tuple>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -25,11 +27,9 @@ constexpr const char* me = "/api/mobile/users/me.json";
 
 // One run of the executable, its output in files named after `prefix`; killed if it outlives the test.
 struct MockProcess {
-    MockProcess(const std::filesystem::path& prefix, std::vector<std::string> arguments)
-        : out(prefix.string() + ".out"), err(prefix.string() + ".err") {
-        arguments.insert(arguments.begin(), VELMORA_MOCK_PATH);
-        pid = spawnWithOutput(std::move(arguments), out, err);
-    }
+    // `arguments` with the program first.
+    MockProcess(const std::string& prefix, std::vector<std::string> arguments)
+        : out(prefix + ".out"), err(prefix + ".err"), pid(spawnWithOutput(std::move(arguments), out, err)) {}
     ~MockProcess() { exitCode(SIGKILL); }
 
     // Sends `signalNumber` (0: none), then waits up to `tries` times 10 ms for the exit status: -1 if
@@ -38,12 +38,9 @@ struct MockProcess {
         if (pid > 0 && signalNumber != 0) {
             ::kill(pid, signalNumber);
         }
-        for (int i = 0, status = 0; pid > 0 && i < tries; ++i) {
+        for (int i = 0, status = 0; pid > 0 && i < tries; ++i, std::this_thread::sleep_for(10ms)) {
             if (::waitpid(pid, &status, WNOHANG) == pid) {
-                code = exitStatusOf(status);
-                pid = 0;
-            } else {
-                std::this_thread::sleep_for(10ms);
+                std::tie(code, pid) = std::pair(exitStatusOf(status), 0);
             }
         }
         return pid == 0 ? code : -1;
@@ -53,8 +50,7 @@ struct MockProcess {
         const std::string banner = "velmora-mock listening on ";
         for (int i = 0; i < 1000 && exitCode(0, 1) == -1; ++i) {
             if (const auto text = readFile(out); text.find('\n') != std::string::npos) {
-                return text.starts_with(banner) ? text.substr(banner.size(), text.find('\n') - banner.size())
-                                                : "";
+                return text.starts_with(banner) ? text.substr(0, text.find('\n')).substr(banner.size()) : "";
             }
         }
         return "";
@@ -74,33 +70,27 @@ struct Reply {
 Reply call(const std::string& url, const std::string& method, const std::string& path,
            const std::string& body = "", const std::string& token = "") {
     httplib::Client client(url);
-    httplib::Headers headers;
-    if (!token.empty()) {
-        headers.emplace("Authorization", "Bearer " + token);
-    }
-    const auto result =
-        method == "GET" ? client.Get(path, headers) : client.Post(path, headers, body, "application/json");
+    client.set_bearer_token_auth(token);  // none when empty
+    const auto result = method == "GET" ? client.Get(path) : client.Post(path, body, "application/json");
     return result ? Reply{result->status, json::parse(result->body, nullptr, false)} : Reply{};
 }
 
 std::string login(const std::string& url, const std::string& name) {
-    return call(url, "POST", "/access/sdk/anonymous", json{{"user", {{"name", name}}}}.dump())
-        .body["authentication"]["access_token"]
-        .get<std::string>();
+    auto reply = call(url, "POST", "/access/sdk/anonymous", json{{"user", {{"name", name}}}}.dump());
+    return reply.body["authentication"]["access_token"].get<std::string>();
 }
 
 std::vector<int> statuses(const std::string& url, const std::string& path, const std::string& token, int n) {
-    std::vector<int> seen;
-    for (int i = 0; i < n; ++i) {
-        seen.push_back(call(url, "GET", path, "", token).status);
-    }
+    std::vector<int> seen(n);
+    std::generate(seen.begin(), seen.end(), [&] { return call(url, "GET", path, "", token).status; });
     return seen;
 }
 
 class MockToolTest : public LibraryTest {
   protected:
     MockProcess& start(std::vector<std::string> arguments) {
-        const auto prefix = root / ("mock-" + std::to_string(processes.size()));
+        arguments.insert(arguments.begin(), VELMORA_MOCK_PATH);
+        const auto prefix = (root / ("mock-" + std::to_string(processes.size()))).string();
         return *processes.emplace_back(std::make_unique<MockProcess>(prefix, std::move(arguments)));
     }
 
@@ -128,8 +118,7 @@ TEST_F(MockToolTest, ScriptedAnswersFromTheFileAndTheAdminCallAreUsedInOrderAsOf
           R"({"path": "/__mock/state"})", R"({"path": "/x", "chunks": "b"})",
           R"([{"path": "/api/mobile/users/me.json", "status": 500}, {"path": "/x", "status": "500"}])"}) {
         const auto reply = call(url, "POST", "/__mock/answers", wrong);
-        EXPECT_EQ(reply.status, 400) << wrong;
-        EXPECT_TRUE(reply.body.contains("description")) << wrong;
+        EXPECT_EQ(std::pair(reply.status, reply.body.contains("description")), std::pair(400, true)) << wrong;
     }
     EXPECT_EQ(call(url, "GET", me, "", token).status, 200) << "a refused array adds none of its answers";
 }
@@ -144,8 +133,7 @@ TEST_F(MockToolTest, TheStateAndRequestLogAreReadOverHttpResetGoesBackAndSignals
     const auto url = mock.url();
     ASSERT_FALSE(url.empty()) << readFile(mock.err);
     EXPECT_EQ(call(url, "GET", me, "", "token-2").body["user"]["name"], "Bo");
-    const auto token = login(url, "Ann");
-    EXPECT_NE(token, "token-2") << "a loaded token is never issued again";
+    EXPECT_NE(login(url, "Ann"), "token-2") << "a loaded token is never issued again";
 
     const auto logged = call(url, "GET", "/__mock/requests").body;
     ASSERT_EQ(logged.size(), 2u) << "admin calls are not logged: " << logged.dump();
@@ -154,18 +142,13 @@ TEST_F(MockToolTest, TheStateAndRequestLogAreReadOverHttpResetGoesBackAndSignals
     EXPECT_EQ(json({logged[1]["body"], logged[1]["status"]}), json({R"({"user":{"name":"Ann"}})", 201}));
     EXPECT_EQ(call(url, "GET", "/__mock/requests?since=1").body, json::array({logged[1]}));
     EXPECT_EQ(call(url, "GET", "/__mock/requests?since=x").status, 400);
-    json lines = json::array();
-    std::istringstream file(readFile(root / "log"));
-    for (std::string line; std::getline(file, line);) {
-        lines.push_back(json::parse(line, nullptr, false));
-    }
-    EXPECT_EQ(lines, logged) << "the log file holds the same entries, one a line";
+    EXPECT_EQ(readFile(root / "log"), logged[0].dump() + "\n" + logged[1].dump() + "\n")
+        << "the log file holds the same entries, one a line";
 
     EXPECT_EQ(call(url, "POST", "/__mock/reset").status, 200);
     const auto state = call(url, "GET", "/__mock/state").body;
     EXPECT_EQ(json({state["users"], state["tokens"]}), json({initial["users"], initial["tokens"]}));
     EXPECT_EQ(call(url, "GET", "/__mock/requests").body, json::array());
-    EXPECT_EQ(call(url, "GET", me, "", token).status, 401) << "Ann went with the reset";
 
     const auto cy = login(url, "Cy");
     EXPECT_EQ(mock.exitCode(SIGTERM), 0) << readFile(mock.err);
@@ -186,9 +169,8 @@ TEST_F(MockToolTest, APortInUseABadStateFileOrAUsageErrorStopsItWithStatusTwo) {
     auto& first = start({"--port", "0"});
     const auto url = first.url();
     ASSERT_FALSE(url.empty()) << readFile(first.err);
-    const auto port = url.substr(url.rfind(':') + 1);
-    auto& second = start({"--port", port});
-    EXPECT_EQ(second.exitCode(), 2) << "a second server on the port";
+    EXPECT_EQ(start({"--port", url.substr(url.rfind(':') + 1)}).exitCode(), 2)
+        << "a second server on the port";
     EXPECT_EQ(call(url, "GET", "/__mock/state").status, 200) << "the first one still serves";
 
     std::filesystem::create_directory(root / "directory.json");
@@ -200,9 +182,7 @@ TEST_F(MockToolTest, APortInUseABadStateFileOrAUsageErrorStopsItWithStatusTwo) {
         {"stray.json", R"({"tokens": {"t": 7}})", "\"tokens\""}};
     for (const auto& [name, content, problem] : files) {
         const auto file = root / name;
-        if (!content.empty()) {
-            std::ofstream(file) << content;
-        }
+        std::ofstream(file) << content;  // nothing written to the directory
         auto& mock = start({"--port", "0", "--state", file.string()});
         EXPECT_EQ(mock.exitCode(), 2) << name;
         EXPECT_NE(readFile(mock.err).find(file.string() + ": "), std::string::npos) << readFile(mock.err);
@@ -213,8 +193,7 @@ TEST_F(MockToolTest, APortInUseABadStateFileOrAUsageErrorStopsItWithStatusTwo) {
              {"--port", "http"}, {"--port", "70000"}, {"--tls", "cert.pem"}, {"--state"}, {"--verbose"}}) {
         auto& mock = start(wrong);
         EXPECT_EQ(mock.exitCode(), 2) << wrong[0];
-        EXPECT_NE(readFile(mock.err).find("usage: velmora-mock [--port PORT]"), std::string::npos)
-            << wrong[0];
+        EXPECT_THAT(readFile(mock.err), ::testing::HasSubstr("usage: velmora-mock [--port PORT]"));
     }
 }
 

@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <functional>
-#include <future>
 #include <thread>
 
 #include "tests/support/ServerTest.h"
@@ -27,15 +26,13 @@ struct Loaded {
 
 // Loads through the URL loading system, as a host's web view would.
 Loaded load(URLRequest request) {
-    auto promise = std::make_shared<std::promise<Loaded>>();
-    auto loaded = promise->get_future();
+    Awaited<Loaded> loaded;
     URLConnection::sendAsynchronousRequest(
         std::move(request), platform::DispatchQueue::global(),
-        [promise](const std::shared_ptr<const platform::HTTPURLResponse>& response, const Data& data,
-                  const std::optional<Error>&) {
-            promise->set_value({response ? response->statusCode() : 0, data.toString()});
+        [done = loaded.callback()](const auto& response, const Data& data, const auto&) {
+            done({response ? response->statusCode() : 0, data.toString()});
         });
-    return loaded.get();
+    return loaded.wait();
 }
 
 bool eventually(const std::function<bool()>& condition) {
@@ -48,40 +45,33 @@ bool eventually(const std::function<bool()>& condition) {
 // Answers requests to canned.invalid itself, through the canonical form of the request; "/hang" never.
 class Canned : public URLProtocol {
   public:
-    Canned(URLRequest request, std::shared_ptr<platform::URLProtocolClient> client)
-        : URLProtocol(std::move(request), std::move(client)) {}
+    using URLProtocol::URLProtocol;
     static bool canInit(const URLRequest& request) { return request.url.host() == "canned.invalid"; }
-    static URLRequest canonicalRequest(const URLRequest& request) {
-        auto canonical = request;
-        canonical.setValue("canned", "X-Form");
-        return canonical;
+    static URLRequest canonicalRequest(const URLRequest& request) { return withForm(request, "canned"); }
+    static URLRequest withForm(URLRequest request, const char* form) {
+        request.setValue(form, "X-Form");
+        return request;
     }
     void startLoading() override {
         ++starts;
         if (request().url.absoluteString().ends_with("/hang")) {
             return;
         }
-        client()->didReceiveResponse(*this,
-                                     std::make_shared<const platform::HTTPURLResponse>(
-                                         request().url, 203, platform::HTTPHeaderFields{}),
-                                     platform::URLCacheStoragePolicy::allowed);
+        const auto response =
+            std::make_shared<platform::HTTPURLResponse>(request().url, 203, platform::HTTPHeaderFields{});
+        client()->didReceiveResponse(*this, response, platform::URLCacheStoragePolicy::allowed);
         client()->didLoadData(*this, Data::fromString(request().value("X-Form").value_or("")));
         client()->didFinishLoading(*this);
     }
     void stopLoading() override { ++stops; }
-    static inline std::atomic<int> starts{0};
-    static inline std::atomic<int> stops{0};
+    static inline std::atomic<int> starts{0}, stops{0};
 };
 
 // Claims what Canned claims, in a form of its own.
 class Later : public Canned {
   public:
     using Canned::Canned;
-    static URLRequest canonicalRequest(const URLRequest& request) {
-        auto canonical = request;
-        canonical.setValue("later", "X-Form");
-        return canonical;
-    }
+    static URLRequest canonicalRequest(const URLRequest& request) { return withForm(request, "later"); }
 };
 
 class HelpCenterTest : public ServerTest {
@@ -99,8 +89,7 @@ TEST_F(HelpCenterTest, OnlyAccountPagesWithoutAuthorizationGetTheTokenAndEachIsS
         bool initialised;
         std::optional<std::string> token;
         std::string url;
-        std::optional<std::string> own;  // the request's own "Authorization"
-        std::optional<std::string> received;
+        std::optional<std::string> own, received;  // the request's own "Authorization", the account's
     };
     const auto page = server.url() + "/hc/";
     const auto upperCase = "HTTP" + page.substr(4);
@@ -117,11 +106,7 @@ TEST_F(HelpCenterTest, OnlyAccountPagesWithoutAuthorizationGetTheTokenAndEachIsS
         if (c.initialised) {
             Velmora::initialize("app", "client", server.url());
         }
-        if (c.token) {
-            identity->update(IdentityStore::authTokenKey, PropertyValue(*c.token));
-        } else {
-            identity->clear();
-        }
+        c.token ? identity->update(IdentityStore::authTokenKey, PropertyValue(*c.token)) : identity->clear();
         server.clearRequests();
         URLRequest request(*URL::fromString(c.url));
         if (c.own) {
@@ -170,11 +155,9 @@ TEST_F(HelpCenterTest, RegisteredProtocolsAnswerInPlaceOfTheNetworkLatestFirstAn
     URLProtocol::unregisterClass<Later>();
     EXPECT_EQ(load(request).body, "canned");
     EXPECT_TRUE(eventually([] { return Canned::stops == 3; })) << "once each load ended";
+    using Response = std::shared_ptr<const platform::HTTPURLResponse>;
     struct Counting : platform::URLConnectionDelegate {
-        void didReceiveResponse(URLConnection&,
-                                const std::shared_ptr<const platform::HTTPURLResponse>&) override {
-            ++events;
-        }
+        void didReceiveResponse(URLConnection&, const Response&) override { ++events; }
         void didReceiveData(URLConnection&, const Data&) override { ++events; }
         void didFinishLoading(URLConnection&) override { ++events; }
         void didFailWithError(URLConnection&, const Error&) override { ++events; }

@@ -42,9 +42,7 @@ class ResponseCachingTest : public ServerTest {
                                       Interceptors{{}, {}, interceptorQueue(), platform::DispatchGroup()},
                                       Reporter::none(), std::move(delegate));
         return await<Answer>([&](auto done) {
-            service.perform([done](const std::optional<Data>& data,
-                                   const std::shared_ptr<const platform::HTTPURLResponse>& response,
-                                   const std::optional<Error>&) {
+            service.perform([done](const auto& data, const auto& response, const auto&) {
                 done({response ? response->statusCode() : 0, data ? data->toString() : ""});
             });
         });

@@ -1,5 +1,6 @@
 #include "velmora/platform/URLSession.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <condition_variable>
@@ -18,7 +19,6 @@ namespace {
 using namespace platform;
 using namespace std::chrono_literals;
 using mock::AccountServer;
-using mock::ScriptedAnswer;
 
 // Records every delegate event and lets the test wait for completions.
 class RecordingDelegate : public URLSessionDelegate {
@@ -29,14 +29,11 @@ class RecordingDelegate : public URLSessionDelegate {
         std::vector<std::array<std::int64_t, 3>> sent;
         std::optional<Error> error;
         bool done = false;
-        std::int64_t code() const { return error ? error->code() : 0; }
+        // The URL error's code; 0 without one, or for an error of another domain.
+        auto code() const { return error && error->domain() == errors::urlDomain ? error->code() : 0; }
     };
 
-    void didBecomeInvalid(URLSession&, const std::optional<Error>&) override {
-        std::lock_guard lock(mutex_);
-        invalidated_ = true;
-        changed_.notify_all();
-    }
+    void didBecomeInvalid(URLSession&, const std::optional<Error>&) override {}
     void didSendBodyData(URLSession&, URLSessionDataTask& task, std::int64_t bytes, std::int64_t total,
                          std::int64_t expected) override {
         std::lock_guard lock(mutex_);
@@ -45,9 +42,7 @@ class RecordingDelegate : public URLSessionDelegate {
     void didReceiveData(URLSession&, URLSessionDataTask& task, const Data& data) override {
         std::lock_guard lock(mutex_);
         auto& outcome = outcomes_[task.taskIdentifier()];
-        if (outcome.body.empty()) {
-            outcome.responseAtFirstChunk = task.response();
-        }
+        outcome.responseAtFirstChunk = outcome.body.empty() ? task.response() : outcome.responseAtFirstChunk;
         outcome.body += data.toString();
     }
     void willCacheResponse(URLSession&, URLSessionDataTask&, const CachedURLResponse&,
@@ -66,16 +61,11 @@ class RecordingDelegate : public URLSessionDelegate {
         changed_.wait(lock, [&] { return outcomes_[task.taskIdentifier()].done; });
         return outcomes_[task.taskIdentifier()];
     }
-    bool waitInvalidated() {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, 10s, [&] { return invalidated_; });
-    }
 
   private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::map<std::uint64_t, Outcome> outcomes_;
-    bool invalidated_ = false;
 };
 
 RecordingDelegate::Outcome runOn(URLSession& session, RecordingDelegate& delegate, URLRequest r) {
@@ -86,42 +76,17 @@ RecordingDelegate::Outcome runOn(URLSession& session, RecordingDelegate& delegat
 
 class URLSessionTest : public LibraryTest {
   protected:
-    URLSessionTest() {
-        URLSessionConfiguration configuration;
-        configuration.httpAdditionalHeaders = {{"Accept", "application/json"},
-                                               {"User-Agent", "Velmora-SDK/2.0.0"}};
-        session = URLSession::make(configuration, delegate);
-    }
-
-    URLRequest request(const std::string& path, const std::string& method = "GET") {
-        URLRequest r(*URL::fromString(server.url() + path));
-        r.httpMethod = method;
-        return r;
-    }
     static URLRequest at(const std::string& url) { return URLRequest(*URL::fromString(url)); }
+    URLRequest request(const std::string& path) { return at(server.url() + path); }
     RecordingDelegate::Outcome run(URLRequest r) { return runOn(*session, *delegate, std::move(r)); }
 
     Watchdog watchdog{60s, "URL session test"};
     AccountServer server;
     std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
-    std::shared_ptr<URLSession> session;
+    // Every request carries the session's headers, unless it sets the same header itself.
+    std::shared_ptr<URLSession> session = URLSession::make(
+        {.httpAdditionalHeaders = {{"Accept", "application/json"}}, .urlCache = nullptr}, delegate);
 };
-
-TEST_F(URLSessionTest, SessionHeadersGoOnEveryRequestUnlessItSetsItsOwnAndNoCookieIsKept) {
-    server.script("GET", "/login",
-                  {.status = 200, .body = "{}", .headers = {{"Set-Cookie", "session=abc; Path=/"}}});
-    auto own = request("/login");
-    own.setValue("text/plain", "accept");
-    run(own);
-    run(request("/after"));
-    const auto seen = server.requests();
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0].header("Accept"), "text/plain");
-    EXPECT_EQ(seen[0].header("User-Agent"), "Velmora-SDK/2.0.0");
-    EXPECT_EQ(seen[0].header("Expect"), std::nullopt);
-    EXPECT_EQ(seen[1].header("Accept"), "application/json");
-    EXPECT_EQ(seen[1].header("Cookie"), std::nullopt) << "the session keeps no cookies";
-}
 
 // Credentials and bodies stay at the origin they were meant for: what each server received, per redirect.
 TEST_F(URLSessionTest, RedirectsCarryCredentialsAndBodiesOnlyWithinTheirOrigin) {
@@ -133,23 +98,20 @@ TEST_F(URLSessionTest, RedirectsCarryCredentialsAndBodiesOnlyWithinTheirOrigin) 
     for (const auto& [method, status, away, landingMethod] : cases) {
         SCOPED_TRACE(method + " " + std::to_string(status) + (away ? " away" : " same"));
         auto& landing = away ? elsewhere : server;
-        server.clearRequests();
-        elsewhere.clearRequests();
+        landing.clearRequests();
         server.script("", "/from", {.status = status, .headers = {{"Location", landing.url() + "/landing"}}});
-        landing.script("", "/landing", {.status = 200, .body = "landed"});
+        landing.script("", "/landing", {.body = "landed"});
 
-        auto from = request("/from", method);
-        from.setValue("Bearer secret", "Authorization");
-        from.setValue("app-client", "Client-Identifier");
-        from.setValue("session=1", "Cookie");
-        if (method != "GET") {
-            from.httpBody = Data::fromString(R"({"user":{"token":"the-jwt"}})");
-        }
+        auto from = request("/from");
+        from.httpMethod = method;
+        from.allHTTPHeaderFields = {
+            {"Authorization", "Bearer secret"}, {"Client-Identifier", "app-client"}, {"Cookie", "session=1"}};
+        from.httpBody = method == "GET" ? std::nullopt
+                                        : std::optional(Data::fromString(R"({"user":{"token":"the-jwt"}})"));
         const auto outcome = run(from);
         const auto landed = landing.requests("", "/landing");
         if (landingMethod.empty()) {
-            ASSERT_TRUE(outcome.error.has_value());
-            EXPECT_EQ(outcome.error->domain(), errors::urlDomain);
+            EXPECT_EQ(outcome.code(), errors::url::badServerResponse);
             EXPECT_TRUE(landed.empty()) << "the body went to another origin";
             continue;
         }
@@ -165,7 +127,8 @@ TEST_F(URLSessionTest, RedirectsCarryCredentialsAndBodiesOnlyWithinTheirOrigin) 
     }
 }
 
-TEST_F(URLSessionTest, AHeaderWithALineBreakOrNulIsNeverSent) {
+// That session headers reach the wire at all is checked through the network client's shared headers.
+TEST_F(URLSessionTest, AHeaderWithALineBreakOrNulIsNeverSentARequestsOwnHeaderWinsAndNoCookieIsKept) {
     for (const std::string& value :
          {std::string("a\r\nX-Injected: yes"), std::string("a\nb"), std::string("a\0b", 3)}) {
         auto own = request("/x");
@@ -175,18 +138,26 @@ TEST_F(URLSessionTest, AHeaderWithALineBreakOrNulIsNeverSent) {
         EXPECT_EQ(outcome.error->description().find("X-Injected"), std::string::npos) << "values are hidden";
     }
     // A session header too; its own delegate, as task identifiers are the session's own.
-    URLSessionConfiguration configuration;
-    configuration.httpAdditionalHeaders = {{"User-Agent", "x\r\nX-Injected: yes"}};
     const auto recorder = std::make_shared<RecordingDelegate>();
-    EXPECT_EQ(runOn(*URLSession::make(configuration, recorder), *recorder, request("/x")).code(),
-              errors::url::badURL);
+    const auto injecting = URLSession::make(
+        {.httpAdditionalHeaders = {{"User-Agent", "x\r\nX-Injected: yes"}}, .urlCache = nullptr}, recorder);
+    EXPECT_EQ(runOn(*injecting, *recorder, request("/x")).code(), errors::url::badURL);
     EXPECT_TRUE(server.requests().empty());
+
+    server.script("GET", "/login", {.body = "{}", .headers = {{"Set-Cookie", "session=abc; Path=/"}}});
+    auto ownAccept = request("/login");
+    ownAccept.setValue("text/plain", "accept");
+    run(ownAccept);
+    run(request("/after"));
+    const auto seen = server.requests();
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0].header("Accept"), "text/plain");
+    EXPECT_EQ(seen[1].header("Cookie"), std::nullopt) << "the session keeps no cookies";
 }
 
 TEST_F(URLSessionTest, TheProcessProxyVariablesAreReadOnlyWhenTheHostAsksForThem) {
     AccountServer proxy;
-    ::setenv("http_proxy", proxy.url().c_str(), 1);
-    ::setenv("HTTP_PROXY", proxy.url().c_str(), 1);
+    ::setenv("http_proxy", proxy.url().c_str(), 1);  // libcurl reads only the lower-case one for http
     ::unsetenv("no_proxy");
     ::unsetenv("NO_PROXY");
     EXPECT_FALSE(run(request("/x")).error.has_value());
@@ -201,9 +172,9 @@ TEST_F(URLSessionTest, TheProcessProxyVariablesAreReadOnlyWhenTheHostAsksForThem
 TEST_F(URLSessionTest, AnAnswerLargerThanTheLimitFailsAtTheLimit) {
     environment.http.maximumResponseBytes = 1 << 20;
     reinstallEnvironment();
-    ScriptedAnswer big{.status = 200, .chunkDelay = 100ms};
-    big.chunks.assign(40, std::string(128 * 1024, ' '));  // 5 MiB over four seconds, without a length
-    server.script("GET", "/big", big);
+    // 5 MiB over four seconds, without a length.
+    server.script("GET", "/big",
+                  {.chunks = std::vector(40, std::string(128 * 1024, ' ')), .chunkDelay = 100ms});
     const auto start = std::chrono::steady_clock::now();
     const auto outcome = run(request("/big"));
     EXPECT_EQ(outcome.code(), errors::url::dataLengthExceedsMaximum);
@@ -212,9 +183,9 @@ TEST_F(URLSessionTest, AnAnswerLargerThanTheLimitFailsAtTheLimit) {
 }
 
 TEST_F(URLSessionTest, BrokenTransfersBecomeUrlErrorsAndNeverHang) {
-    server.script("GET", "/drop", {.status = 200, .drop = true});
-    server.script("GET", "/truncated", {.status = 200, .body = "partial", .truncate = true});
-    server.script("GET", "/stall", {.status = 200, .body = "late", .delay = 5s});
+    server.script("GET", "/drop", {.drop = true});
+    server.script("GET", "/truncated", {.body = "partial", .truncate = true});
+    server.script("GET", "/stall", {.body = "late", .delay = 5s});
     const auto gone = AccountServer().url();
     // What did arrive is still handed over.
     for (const auto& [url, code, body] : std::vector<std::tuple<std::string, std::int64_t, std::string>>{
@@ -227,9 +198,7 @@ TEST_F(URLSessionTest, BrokenTransfersBecomeUrlErrorsAndNeverHang) {
         r.timeoutInterval = 1;
         const auto start = std::chrono::steady_clock::now();
         const auto outcome = run(r);
-        ASSERT_TRUE(outcome.error.has_value());
-        EXPECT_EQ(outcome.error->domain(), errors::urlDomain);
-        EXPECT_EQ(outcome.error->code(), code);
+        ASSERT_EQ(outcome.code(), code);
         EXPECT_EQ(outcome.body, body);
         EXPECT_LT(std::chrono::steady_clock::now() - start, 4s);
         if (code == errors::url::timedOut) {
@@ -238,53 +207,49 @@ TEST_F(URLSessionTest, BrokenTransfersBecomeUrlErrorsAndNeverHang) {
     }
 }
 
-TEST_F(URLSessionTest, UploadProgressAndCancellationAreReported) {
-    auto upload = request("/api/mobile/users/me.json", "PUT");
+TEST_F(URLSessionTest, UploadProgressCancellationAndInvalidationAreReported) {
+    auto upload = request("/api/mobile/users/me.json");
+    upload.httpMethod = "PUT";
     upload.httpBody = Data::fromString(std::string(512 * 1024, 'x'));
     upload.setValue("application/octet-stream", "Content-Type");
     const auto uploaded = run(upload);
     ASSERT_FALSE(uploaded.error.has_value()) << uploaded.error->description();
-    std::int64_t sum = 0;
+    std::int64_t sum = 0;  // what each report says was sent in all, and of how much
     for (const auto& [bytes, total, expected] : uploaded.sent) {
-        sum += bytes;
-        EXPECT_EQ(total, sum);
-        EXPECT_EQ(expected, 512 * 1024);
+        EXPECT_EQ(std::pair(total, expected), std::pair(sum += bytes, std::int64_t{512 * 1024}));
     }
     EXPECT_EQ(sum, 512 * 1024);
     ASSERT_EQ(server.requests().size(), 1u);
     EXPECT_EQ(server.requests()[0].body.size(), 512u * 1024);
+    EXPECT_EQ(server.requests()[0].header("Expect"), std::nullopt) << "no round trip waiting for a 100";
 
-    server.script("GET", "/slow", {.status = 200, .body = "x", .delay = 5s});
-    auto task = session->dataTask(request("/slow"));
-    task->resume();
+    server.script("GET", "/slow", {.body = "x", .delay = 5s});
+    const auto cancelled = session->dataTask(request("/slow"));
+    cancelled->resume();
     ASSERT_TRUE(server.waitForRequests(2));
-    task->cancel();
-    EXPECT_EQ(delegate->wait(*task).code(), errors::url::cancelled);
-}
+    cancelled->cancel();
+    EXPECT_EQ(delegate->wait(*cancelled).code(), errors::url::cancelled);
 
-TEST_F(URLSessionTest, InvalidatingFinishesRunningTasksThenReports) {
-    server.script("GET", "/slow", {.status = 200, .body = "done", .delay = 200ms});
-    auto task = session->dataTask(request("/slow"));
-    task->resume();
+    // Invalidating lets a running task finish and starts no new one; that the delegate hears of it is
+    // checked through the network client's session delegate.
+    server.script("GET", "/finishing", {.body = "done", .delay = 200ms});
+    const auto running = session->dataTask(request("/finishing"));
+    running->resume();
     session->finishTasksAndInvalidate();
-    EXPECT_EQ(delegate->wait(*task).body, "done");
-    EXPECT_TRUE(delegate->waitInvalidated());
-    EXPECT_TRUE(run(request("/slow")).error.has_value()) << "an invalidated session starts nothing new";
+    EXPECT_EQ(delegate->wait(*running).body, "done");
+    EXPECT_EQ(run(request("/finishing")).code(), errors::url::cancelled);
 }
 
 TEST_F(URLSessionTest, TlsPeersAreVerifiedAgainstTheConfiguredAuthorities) {
-    const auto cert = root / "cert.pem";
-    const auto key = root / "key.pem";
-    const auto make =
-        "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
-        "subjectAltName=IP:127.0.0.1 -keyout " +
-        key.string() + " -out " + cert.string() + " >/dev/null 2>&1";
+    const auto make = "cd " + root.string() +
+                      " && openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 -addext "
+                      "subjectAltName=IP:127.0.0.1 -keyout key.pem -out cert.pem >/dev/null 2>&1";
     ASSERT_EQ(std::system(make.c_str()), 0) << "openssl could not make a test certificate";
-    AccountServer secure({.certificate = cert, .privateKey = key});
+    const auto cert = root / "cert.pem";
+    AccountServer secure({.certificate = cert, .privateKey = root / "key.pem"});
 
-    const auto untrusted = run(at(secure.url() + "/x"));
-    EXPECT_TRUE(untrusted.code() == errors::url::serverCertificateUntrusted ||
-                untrusted.code() == errors::url::secureConnectionFailed)
+    EXPECT_THAT(run(at(secure.url() + "/x")).code(), ::testing::AnyOf(errors::url::serverCertificateUntrusted,
+                                                                      errors::url::secureConnectionFailed))
         << "a self-signed peer must not be trusted by default";
     EXPECT_TRUE(secure.requests().empty());
 
@@ -292,7 +257,6 @@ TEST_F(URLSessionTest, TlsPeersAreVerifiedAgainstTheConfiguredAuthorities) {
     reinstallEnvironment();
     const auto trusted = run(at(secure.url() + "/x"));
     EXPECT_FALSE(trusted.error.has_value()) << trusted.error->description();
-    EXPECT_EQ(secure.requests().size(), 1u);
 
     // https never leads to http, not even on the same host.
     secure.script("GET", "/down", {.status = 302, .headers = {{"Location", server.url() + "/landing"}}});
@@ -304,10 +268,9 @@ TEST_F(URLSessionTest, TlsPeersAreVerifiedAgainstTheConfiguredAuthorities) {
 }
 
 TEST(URLTest, OnlyAbsoluteUrlsParseAndTheTextIsKeptAsGiven) {
-    const auto url = URL::fromString("https://acme.velmora.com//api/x.json?tags=a%2Cb");
-    ASSERT_TRUE(url.has_value());
-    EXPECT_EQ(url->absoluteString(), "https://acme.velmora.com//api/x.json?tags=a%2Cb");
-    EXPECT_EQ(url->origin(), "https://acme.velmora.com:443");
+    const auto url = URL::fromString("https://acme.velmora.com//api/x.json?tags=a%2Cb").value();
+    EXPECT_EQ(url.absoluteString(), "https://acme.velmora.com//api/x.json?tags=a%2Cb");
+    EXPECT_EQ(url.origin(), "https://acme.velmora.com:443");
     EXPECT_EQ(URL::fromString("http://127.0.0.1:8080/")->origin(), "http://127.0.0.1:8080");
     for (const char* bad :
          {"", "acme.velmora.com/path", "/relative", "https://", "http://a b.com/", "ht tp://x"}) {

@@ -6,6 +6,7 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/support/Printers.h"
@@ -22,30 +23,24 @@
 namespace velmora::testing {
 namespace {
 
-using platform::base64Decode;
-using platform::base64Encode;
-using platform::decodeBinaryPropertyList;
-using platform::format;
+using namespace platform;
 
 TEST(ResultTest, MapAndFlatMapTransformSuccessesAndPassErrorsThrough) {
+    using R = Result<int>;
     const auto failure = Error("com.velmora.tests", 7);
-    const auto ok = Result<int>::success(20);
-    const auto bad = Result<int>::error(failure);
+    const auto ok = R::success(20), bad = R::error(failure);
     const auto twice = [](int v) { return std::to_string(v * 2); };
+    const auto half = [](int v) { return v % 2 ? R::error(Error("d", 1)) : R::success(v / 2); };
     EXPECT_EQ(ok.map(twice).value(), "40");
     EXPECT_EQ(bad.map(twice).error(), failure);
-    const auto half = [](int v) {
-        return v % 2 == 0 ? Result<int>::success(v / 2) : Result<int>::error(Error("com.velmora.tests", 1));
-    };
     EXPECT_EQ(ok.flatMap(half).value(), 10);
-    EXPECT_EQ(Result<int>::success(3).flatMap(half).error().code(), 1);
+    EXPECT_EQ(R::success(3).flatMap(half).error().code(), 1);
     EXPECT_EQ(bad.flatMap(half).error(), failure) << "the first error wins; the transform never runs";
 }
 
 TEST(ResultDeathTest, ReadingTheValueOfAnErrorIsAProgrammingError) {
-    platform::Environment::install(platform::Environment::linuxDefaults("velmora-tests"));
-    const auto bad = Result<int>::error(Error("com.velmora.tests", 5));
-    EXPECT_DEATH((void)bad.value(),
+    Environment::install(Environment::linuxDefaults("velmora-tests"));
+    EXPECT_DEATH((void)Result<int>::error(Error("com.velmora.tests", 5)).value(),
                  "Fatal error: Result: value\\(\\) read on an error: Error Domain=com.velmora.tests");
 }
 
@@ -88,9 +83,8 @@ TEST(UuidTest, IsUpperCaseVersion4TextAndFreshEachTime) {
     const std::regex shape("^[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}$");
     std::set<std::string> seen;
     for (int i = 0; i < 2000; ++i) {
-        const auto uuid = platform::uuidString();
+        const auto uuid = *seen.insert(uuidString()).first;
         ASSERT_TRUE(std::regex_match(uuid, shape)) << uuid;
-        seen.insert(uuid);
     }
     EXPECT_EQ(seen.size(), 2000u);
 }
@@ -125,8 +119,7 @@ TEST(DateFormatterTest, FormatsInGmtParsesWhatItFormatsAndRejectsTextOffThePatte
 
 // Assembles a binary property list from raw objects, one-byte offsets and references, top object 0.
 Data bplist(const std::vector<std::string>& objects) {
-    std::string out = "bplist00";
-    std::string offsets;
+    std::string out = "bplist00", offsets;
     for (const auto& object : objects) {
         offsets += static_cast<char>(out.size());
         out += object;
@@ -150,43 +143,35 @@ std::string utf16(std::initializer_list<unsigned> units) {
     return out;
 }
 
-TEST(PropertyListTest, ReadsWhatTheWriterWritesAndWellFormedHandMadeLists) {
-    const PropertyValue text = PropertyValue::Dictionary{{"k\u00e9y", "\u00e9t\u00e9 \U0001F600"}};
-    EXPECT_EQ(decodeBinaryPropertyList(platform::encodeBinaryPropertyList(text)), text);
-    EXPECT_EQ(decodeBinaryPropertyList(bplist({utf16({0x00E9, 0xD83D, 0xDE00})})),
-              PropertyValue("\u00e9\U0001F600"));
-    EXPECT_EQ(decodeBinaryPropertyList(bplist({"\xA2\x01\x01", "\x10\x07"})),
-              PropertyValue(PropertyValue::Array{7, 7}))
-        << "a shared object referenced twice is not a cycle";
-    EXPECT_EQ(decodeBinaryPropertyList(bplist({std::string("\x13\xff\xff\xff\xff\xff\xff\xff\xfe", 9)})),
-              PropertyValue(std::int64_t{-2}));
-}
-
-TEST(PropertyListTest, MalformedListsAreRefusedInsteadOfCrashingOrLooping) {
+// What the writer writes is read back by UserDefaultsTest, whose values of every kind go through it.
+TEST(PropertyListTest, ReadsWellFormedHandMadeListsAndRefusesMalformedOnesInsteadOfCrashingOrLooping) {
     std::vector<std::string> laughs;
     for (int level = 0; level < 60; ++level) {
         laughs.push_back(std::string("\xA2") + static_cast<char>(level + 1) + static_cast<char>(level + 1));
     }
     laughs.push_back("\x09");
 
-    const std::pair<const char*, Data> broken[] = {
-        {"array containing itself", bplist({std::string("\xA1\x00", 2)})},
-        {"dictionary whose value is itself", bplist({std::string("\xD1\x01\x00", 3), "\x51k"})},
-        {"2^60 nodes through shared references", bplist(laughs)},
-        {"NUL in an ASCII string", bplist({std::string("Sa\0b", 4)})},
-        {"NUL in a UTF-16 string", bplist({utf16({0x0061, 0x0000})})},
-        {"lone high surrogate", bplist({utf16({0xD83D})})},
-        {"lone low surrogate", bplist({utf16({0xDE00, 0x0061})})},
-        {"byte above ASCII in an ASCII string", bplist({"\x51\xe9"})},
-        {"non-string dictionary key", bplist({"\xD1\x01\x01", "\x10\x01"})},
-        {"reference past the table", bplist({"\xA1\x05"})},
-        {"string running past the table", bplist({"_\x10\177abc"})},
-        {"set", bplist({"\xC1\x01", "\x09"})},
-        {"bad magic", Data::fromString("bplist01" + std::string(40, '\0'))},
-        {"too short for a trailer", Data::fromString("bplist00")},
+    const std::tuple<const char*, Data, std::optional<PropertyValue>> cases[] = {
+        {"UTF-16 with a surrogate pair", bplist({utf16({0x00E9, 0xD83D, 0xDE00})}), "\u00e9\U0001F600"},
+        {"shared object, not a cycle", bplist({"\xA2\x01\x01", "\x10\x07"}), PropertyValue::Array{7, 7}},
+        {"eight-byte integer", bplist({"\x13\xff\xff\xff\xff\xff\xff\xff\xfe"}), std::int64_t{-2}},
+        {"array containing itself", bplist({std::string("\xA1\x00", 2)}), std::nullopt},
+        {"dictionary whose value is itself", bplist({std::string("\xD1\x01\x00", 3), "\x51k"}), std::nullopt},
+        {"2^60 nodes through shared references", bplist(laughs), std::nullopt},
+        {"NUL in an ASCII string", bplist({std::string("Sa\0b", 4)}), std::nullopt},
+        {"NUL in a UTF-16 string", bplist({utf16({0x0061, 0x0000})}), std::nullopt},
+        {"lone high surrogate", bplist({utf16({0xD83D})}), std::nullopt},
+        {"lone low surrogate", bplist({utf16({0xDE00, 0x0061})}), std::nullopt},
+        {"byte above ASCII in an ASCII string", bplist({"\x51\xe9"}), std::nullopt},
+        {"non-string dictionary key", bplist({"\xD1\x01\x01", "\x10\x01"}), std::nullopt},
+        {"reference past the table", bplist({"\xA1\x05"}), std::nullopt},
+        {"string running past the table", bplist({"_\x10\177abc"}), std::nullopt},
+        {"set", bplist({"\xC1\x01", "\x09"}), std::nullopt},
+        {"bad magic", Data::fromString("bplist01" + std::string(40, '\0')), std::nullopt},
+        {"too short for a trailer", Data::fromString("bplist00"), std::nullopt},
     };
-    for (const auto& [what, bytes] : broken) {
-        EXPECT_EQ(decodeBinaryPropertyList(bytes), std::nullopt) << what;
+    for (const auto& [what, bytes, value] : cases) {
+        EXPECT_EQ(decodeBinaryPropertyList(bytes), value) << what;
     }
 }
 

@@ -50,9 +50,10 @@ TEST_F(PushRegistrationTest, RegisteringTheSameIdentifierTwiceMakesOneRequestAnd
 
 TEST_F(PushRegistrationTest, TheStoredIdentifierChangesOnlyWhenTheAccountHasTakenTheChange) {
     provider().unregisterForPush();
-    EXPECT_TRUE(server.requests().empty()) << "no stored identifier: nothing to unregister";
-
-    ASSERT_TRUE(registerDevice("old").isSuccess());
+    ASSERT_TRUE(registerDevice("old").isSuccess());  // a stray unregistration would have been sent by now
+    for (const auto& request : server.requests()) {
+        EXPECT_NE(request.method, "DELETE") << "no stored identifier: nothing to unregister";
+    }
     server.script("POST", devices, {.status = 404, .body = R"({"error": "NotFound"})"});
     EXPECT_EQ(registerDevice("new").error().localizedDescription(), "not found");  // the rest: C session
     EXPECT_EQ(storedIdentifier(), "old");

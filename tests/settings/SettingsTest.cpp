@@ -5,12 +5,8 @@
 #include <limits>
 #include <thread>
 
-#include "tests/support/Awaited.h"
-#include "tests/support/LibraryTest.h"
-#include "tests/support/Watchdog.h"
-#include "tools/velmora-mock/AccountServer.h"
+#include "tests/support/ServerTest.h"
 #include "velmora/settings/DefaultInterceptors.h"
-#include "velmora/storage/IdentityStore.h"
 
 namespace velmora::testing {
 namespace {
@@ -19,18 +15,13 @@ using namespace std::chrono_literals;
 using mock::AccountServer;
 using nlohmann::json;
 
-class SettingsTest : public LibraryTest {
+class SettingsTest : public ServerTest {
   protected:
-    SettingsTest() {
-        CoreLogger::setLogLevel(LogLevel::verbose);
-        details = std::make_shared<ApplicationConfiguration>("app", "client", server.url());
-    }
+    SettingsTest() { CoreLogger::setLogLevel(LogLevel::verbose); }
 
     template <class T>
     T fetch() {
-        Awaited<T> settings;
-        SettingsProvider(details).getSettings<T>(settings.callback());
-        return settings.wait();
+        return await<T>([&](auto callback) { SettingsProvider(details).getSettings<T>(callback); });
     }
     std::size_t settingsCalls() {
         return server.requests("GET", "/api/private/mobile_sdk/settings/app.json").size();
@@ -40,22 +31,7 @@ class SettingsTest : public LibraryTest {
         ASSERT_TRUE(store.storeSettings(Data::fromString(document.dump())));
         store.defaults()->set("updated_at", updatedAt);
     }
-
-    Watchdog watchdog{60s, "settings test"};
-    AccountServer server;
-    std::shared_ptr<ApplicationConfiguration> details;
 };
-
-TEST_F(SettingsTest, FetchedOnceWhileNoneAreStoredThenAnsweredFromTheStore) {
-    EXPECT_EQ(fetch<CoreSettings>().identifier, "velmora-mock");  // the values: through the C session
-    ASSERT_EQ(settingsCalls(), 1u);
-    EXPECT_EQ(server.requests()[0].header("Client-Identifier"), std::nullopt)
-        << "the settings call passes through no interceptor";
-
-    std::this_thread::sleep_for(5ms);  // freshness is strictly after the stamp
-    EXPECT_EQ(fetch<BlipsSettings>().permissions, (BlipsPermissions{true, false, true}));
-    EXPECT_EQ(settingsCalls(), 1u) << "fresh settings come from the store";
-}
 
 TEST_F(SettingsTest, FreshnessIsStrictOnBothEndsAndAFutureStampIsStale) {
     const IntervalValidator validator{3600, Date::now()};
@@ -92,10 +68,6 @@ TEST_F(SettingsTest, BadDocumentsAndFailedCallsGiveTheDefaults) {
     SettingsStore("app").clear();
     server.script("GET", "/api/private/mobile_sdk/settings/app.json", {.status = 200, .drop = true});
     EXPECT_EQ(fetch<CoreSettings>(), CoreSettings::defaultValue());
-
-    Awaited<CoreSettings> cached;
-    SettingsProvider(details).getCachedSettings<CoreSettings>(cached.callback());
-    EXPECT_EQ(cached.wait(), CoreSettings::defaultValue());
 }
 
 TEST_F(SettingsTest, TheInterceptorFetchesOnlyWhileNoneAreStoredAndLeavesTheRequestAlone) {
@@ -127,30 +99,30 @@ TEST_F(SettingsTest, TheInterceptorFetchesOnlyWhileNoneAreStoredAndLeavesTheRequ
 }
 
 TEST_F(SettingsTest, TheDefaultChainFetchesSettingsLogsInAndAuthorisesInThatOrder) {
-    IdentityStore("app").store(Identity::createAnonymous("Ann", std::nullopt));
+    identity->store(Identity::createAnonymous("Ann", std::nullopt));
+    const auto url = resourceURL(details->accountUrl(), "/api/mobile/users/me.json").value();
     const auto get = [&] {
-        Awaited<int> status;
-        auto callback = status.callback();
-        makeProviderService(details, resourceURL(details->accountUrl(), "/api/mobile/users/me.json").value(),
-                            true, HttpMethod::get, {}, std::nullopt,
-                            platform::DispatchQueue("com.velmora.tests.callbacks"))
-            .perform([callback](const auto&, const auto& response, const auto&) {
-                callback(response ? response->statusCode() : 0);
-            });
-        return status.wait();
+        return await<int>([&](auto callback) {
+            makeProviderService(details, url, true, HttpMethod::get, {}, std::nullopt,
+                                platform::DispatchQueue("com.velmora.tests.callbacks"))
+                .perform([callback](const auto&, const auto& response, const auto&) {
+                    callback(response ? response->statusCode() : 0);
+                });
+        });
     };
     EXPECT_EQ(get(), 200);
+    const auto sent = server.requests();
     std::vector<std::string> paths;
-    for (const auto& r : server.requests()) {
+    for (const auto& r : sent) {
         paths.push_back(r.method + " " + r.path());
     }
     EXPECT_EQ(paths,
               (std::vector<std::string>{"GET /api/private/mobile_sdk/settings/app.json",
                                         "POST /access/sdk/anonymous", "GET /api/mobile/users/me.json"}));
-    const auto user = server.requests().back();
-    EXPECT_EQ(user.header("Client-Identifier"), "client");
-    EXPECT_EQ(user.header("Authorization"), "Bearer " + *IdentityStore("app").oauthToken());
-    EXPECT_EQ(IdentityStore("app").userId(), 1000) << "the login stores the user id it was given";
+    EXPECT_EQ(sent[0].header("Client-Identifier"), std::nullopt) << "the settings call passes no interceptor";
+    EXPECT_EQ(sent.back().header("Client-Identifier"), "client");
+    EXPECT_EQ(sent.back().header("Authorization"), "Bearer " + *identity->oauthToken());
+    EXPECT_EQ(identity->userId(), 1000) << "the login stores the user id it was given";
 
     std::this_thread::sleep_for(5ms);  // past the settings stamp
     EXPECT_EQ(get(), 200);

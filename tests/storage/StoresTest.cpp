@@ -31,7 +31,6 @@ TEST_F(StoresTest, SessionStoreReplacesANonDictionaryWritesThroughToDiskAndLogsE
     UserDefaults::suite(SessionStore::suite)->set("app", "not a dictionary");
     const SessionStore store("app");
     EXPECT_TRUE(store.storage().empty());
-    EXPECT_EQ(store.value("pushToken"), std::nullopt);
     EXPECT_TRUE(store.store(PropertyValue("tok"), "pushToken"));
     EXPECT_EQ(persistedValue(file(), "com.velmora.core.session", "app"),
               PropertyValue(Dictionary{{"pushToken", "tok"}}));
@@ -70,43 +69,38 @@ TEST_F(StoresTest, SettingsStoreKeepsTheDocumentAndWhenAnyAppIdLastStoredOne) {
     const auto document = Data::fromString(R"({"core":{}})");
     store.setData(document);
     EXPECT_EQ(store.settings(), document);
-    const auto stamped = persistedValue(file(), "com.velmora.core.settings", "updated_at");
-    ASSERT_TRUE(stamped && stamped->is<Date>());
-    EXPECT_EQ(store.updatedAt(), *stamped->getIf<Date>());
+    EXPECT_EQ(persistedValue(file(), "com.velmora.core.settings", "updated_at"),
+              PropertyValue(store.updatedAt()));
     EXPECT_GE(store.updatedAt(), before);
 
     // The stamp is shared by all app ids; the document is not.
-    const SettingsStore other("other");
-    EXPECT_EQ(other.updatedAt(), store.updatedAt());
-    EXPECT_EQ(other.settings(), std::nullopt);
+    EXPECT_EQ(SettingsStore("other").updatedAt(), store.updatedAt());
+    EXPECT_EQ(SettingsStore("other").settings(), std::nullopt);
 }
 
 TEST_F(StoresTest, EachClearRemovesExactlyItsShareOfTheState) {
     const Stores stores("app");
-    auto fill = [&] {
+    // The account is its URL and app id alone: another client id is the same account.
+    const ApplicationConfiguration account("app", "client", "https://a.example"),
+        same("app", "x", "https://a.example");
+    // Identity, push token, settings, cache directory, account record.
+    const std::pair<void (Stores::*)() const, std::vector<bool>> clears[] = {
+        {&Stores::clearSession, {false, false, true, false, true}},
+        {&Stores::clearSettingsAndSession, {true, false, false, true, true}},
+        {&Stores::clearAll, {false, false, false, false, true}}};
+    for (const auto& [clear, kept] : clears) {
         UserDefaults::suite(IdentityStore::suite)->set("app", Dictionary{{"uuid", "U"}});
         ASSERT_TRUE(stores.sessionStore().store(PropertyValue("tok"), "pushToken"));
         ASSERT_TRUE(stores.settingStore().storeSettings(Data::fromString("{}")));
-        ASSERT_TRUE(stores.accountStore()
-                        .store(ApplicationConfiguration("app", "client", "https://a.example"))
-                        .isSuccess());
+        ASSERT_TRUE(stores.accountStore().store(account).isSuccess());
         fillCache();
-    };
-    auto state = [&] {
-        return std::vector<bool>{
-            !stores.identityStore().storage().empty(), stores.sessionStore().pushToken().has_value(),
-            stores.settingStore().settings().has_value(), fs::exists(velmoraCache()),
-            stores.accountStore().storedAccount(ApplicationConfiguration("app", "x", "https://a.example"))};
-    };
-    fill();
-    stores.clearSession();
-    EXPECT_EQ(state(), (std::vector<bool>{false, false, true, false, true}));
-    fill();
-    stores.clearSettingsAndSession();
-    EXPECT_EQ(state(), (std::vector<bool>{true, false, false, true, true}));
-    fill();
-    stores.clearAll();
-    EXPECT_EQ(state(), (std::vector<bool>{false, false, false, false, true}));
+        (stores.*clear)();
+        EXPECT_EQ((std::vector<bool>{!stores.identityStore().storage().empty(),
+                                     stores.sessionStore().pushToken().has_value(),
+                                     stores.settingStore().settings().has_value(), fs::exists(velmoraCache()),
+                                     stores.accountStore().storedAccount(same)}),
+                  kept);
+    }
     EXPECT_EQ(persistedValue(file(), "com.velmora.core.settings", "app"), std::nullopt);
 }
 
@@ -128,9 +122,7 @@ TEST_F(StoresTest, ClearingTheCacheDirectoryLogsOnlyRealFailures) {
 
     environment.cachesDirectory.reset();
     reinstallEnvironment();
-    const Stores stores("app");
-    EXPECT_EQ(stores.cacheDirectory(), std::nullopt);
-    stores.clearSession();
+    Stores("app").clearSession();
     EXPECT_TRUE(
         logs->contains("[ERROR]: Attempt to clear cache errored: Cache director URL is nil. "
                        "NSSearchPathForDirectoriesInDomains may have returned nil."));

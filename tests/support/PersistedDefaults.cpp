@@ -14,45 +14,27 @@ extern char** environ;
 
 namespace velmora::testing {
 
-namespace {
-
-template <class Row>
-void query(const std::filesystem::path& file, const char* sql, const Row& row) {
+std::optional<PropertyValue> persistedValue(const std::filesystem::path& file, const std::string& suite,
+                                            const std::string& key) {
+    std::optional<PropertyValue> found;
     sqlite3* db = nullptr;
     if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
         sqlite3_stmt* statement = nullptr;
-        if (sqlite3_prepare_v2(db, sql, -1, &statement, nullptr) == SQLITE_OK) {
+        if (sqlite3_prepare_v2(db, "SELECT suite, key, value FROM defaults", -1, &statement, nullptr) ==
+            SQLITE_OK) {
             while (sqlite3_step(statement) == SQLITE_ROW) {
-                row(statement);
+                if (suite == reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)) &&
+                    key == reinterpret_cast<const char*>(sqlite3_column_text(statement, 1))) {
+                    found = platform::decodeBinaryPropertyList(
+                        Data(sqlite3_column_blob(statement, 2),
+                             static_cast<std::size_t>(sqlite3_column_bytes(statement, 2))));
+                }
             }
         }
         sqlite3_finalize(statement);
     }
     sqlite3_close_v2(db);
-}
-
-}  // namespace
-
-std::optional<PropertyValue> persistedValue(const std::filesystem::path& file, const std::string& suite,
-                                            const std::string& key) {
-    std::optional<PropertyValue> found;
-    query(file, "SELECT suite, key, value FROM defaults", [&](sqlite3_stmt* statement) {
-        if (suite == reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)) &&
-            key == reinterpret_cast<const char*>(sqlite3_column_text(statement, 1))) {
-            found = platform::decodeBinaryPropertyList(
-                Data(sqlite3_column_blob(statement, 2),
-                     static_cast<std::size_t>(sqlite3_column_bytes(statement, 2))));
-        }
-    });
     return found;
-}
-
-std::size_t persistedRowCount(const std::filesystem::path& file) {
-    std::size_t rows = 0;
-    query(file, "SELECT count(*) FROM defaults", [&](sqlite3_stmt* statement) {
-        rows = static_cast<std::size_t>(sqlite3_column_int64(statement, 0));
-    });
-    return rows;
 }
 
 int runInChild(const std::function<void()>& body) {
