@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "velmora/platform/Base64.h"
+#include "velmora/platform/Json.h"
 
 namespace velmora::mock {
 namespace {
@@ -67,11 +68,6 @@ json errorBody(std::string_view error, std::string_view description) {
     return json{{"error", error}, {"description", description}};
 }
 
-// Request bodies are not always UTF-8; what is not goes out replaced rather than failing the dump.
-std::string compactDump(const json& value) {
-    return value.dump(-1, ' ', false, json::error_handler_t::replace);
-}
-
 // The whole of `text` as a decimal integer.
 std::optional<std::int64_t> decimal(std::string_view text) {
     std::int64_t value = 0;
@@ -117,7 +113,7 @@ bool booleanField(const json& item, const char* key) {
 }
 
 std::string textOf(const json& value) {
-    return value.is_string() ? value.get<std::string>() : compactDump(value);
+    return value.is_string() ? value.get<std::string>() : platform::dumpJson(value);
 }
 
 ScriptEntry scriptEntry(const json& item) {
@@ -224,8 +220,10 @@ struct AccountServer::Reply {
     std::optional<ScriptedAnswer> scripted;
 
     static Reply json(int status, const nlohmann::json& body) {
-        return Reply{
-            status, compactDump(body), {{"Content-Type", "application/json; charset=utf-8"}}, std::nullopt};
+        return Reply{status,
+                     platform::dumpJson(body),
+                     {{"Content-Type", "application/json; charset=utf-8"}},
+                     std::nullopt};
     }
 };
 
@@ -560,7 +558,7 @@ void AccountServer::checkState(const json& state) {
             if (!known) {
                 throw std::invalid_argument(inQuotes(key) + ": " + inQuotes(name.key()) +
                                             " must be the id of one of the \"users\", not " +
-                                            compactDump(name.value()));
+                                            platform::dumpJson(name.value()));
             }
         }
     }

@@ -15,6 +15,7 @@
 #include "velmora/Velmora.h"
 #include "velmora/blips/DeviceInfo.h"
 #include "velmora/core/VMKAuthenticationURLProtocol.h"
+#include "velmora/platform/Json.h"
 #include "velmora/platform/URLConnection.h"
 
 using namespace velmora;
@@ -313,7 +314,7 @@ Action helpCenterCommand(const std::vector<std::string>& command) {
                     return;
                 }
                 // Bytes that are not UTF-8 become U+FFFD, so that the answer stays one JSON document.
-                const auto text = json(data.toString()).dump(-1, ' ', false, json::error_handler_t::replace);
+                const auto text = velmora::platform::dumpJson(json(data.toString()));
                 outcome->succeed(json{{"status", response->statusCode()}, {"body", json::parse(text)}});
             });
     };

@@ -14,8 +14,8 @@ template <class Handle>
 bool setIdentity(const char* function, const VMKVelmora* velmora, const Handle* identity,
                  VMKError** outError) {
     return capi::entry(function, outError, false, [&] {
-        const auto& instance = capi::installed(capi::use(velmora).instance);
-        if (!instance->setIdentity(capi::use(identity).object)) {
+        const auto& instance = capi::installed(capi::use(velmora).value);
+        if (!instance->setIdentity(capi::use(identity).value)) {
             throw capi::Refusal(VMKErrorCodeRefused, "the identity was not stored (the log says why)");
         }
         return true;
@@ -25,7 +25,7 @@ bool setIdentity(const char* function, const VMKVelmora* velmora, const Handle* 
 template <class F>
 const char* accountDetail(const char* function, const VMKVelmora* velmora, F&& detail) {
     return capi::get<const char*>(function, velmora, nullptr, [&](const VMKVelmora& v) {
-        return detail(v.instance->accountDetails()).c_str();
+        return detail(v.value->accountDetails()).c_str();
     });
 }
 
@@ -92,7 +92,7 @@ bool VMKVelmoraCopyObjCIdentity(const VMKVelmora* velmora, VMKObjCJwt** outJwt,
         }
         *outJwt = nullptr;
         *outAnonymous = nullptr;
-        const auto& instance = capi::use(velmora).instance;
+        const auto& instance = capi::use(velmora).value;
         const auto identity = instance->identity();
         if (identity && identity->jwt() != nullptr) {
             *outJwt = new VMKObjCJwt(velmora::VMKObjCJwt(*identity->jwt()));
@@ -145,7 +145,7 @@ VMKObjCJwt* VMKObjCJwtCreate(const char* token, VMKError** outError) {
 
 const char* VMKObjCJwtGetToken(const VMKObjCJwt* jwt) {
     return capi::get<const char*>(__func__, jwt, nullptr,
-                                  [](const VMKObjCJwt& j) { return j.object.token().c_str(); });
+                                  [](const VMKObjCJwt& j) { return j.value.token().c_str(); });
 }
 
 void VMKObjCJwtRelease(VMKObjCJwt* jwt) {
@@ -161,24 +161,24 @@ VMKObjCAnonymous* VMKObjCAnonymousCreate(const char* name, const char* email, VM
 
 const char* VMKObjCAnonymousGetName(const VMKObjCAnonymous* anonymous) {
     return capi::get<const char*>(__func__, anonymous, nullptr,
-                                  [](const VMKObjCAnonymous& a) { return capi::cString(a.object.name()); });
+                                  [](const VMKObjCAnonymous& a) { return capi::cString(a.value.name()); });
 }
 
 const char* VMKObjCAnonymousGetEmail(const VMKObjCAnonymous* anonymous) {
     return capi::get<const char*>(__func__, anonymous, nullptr,
-                                  [](const VMKObjCAnonymous& a) { return capi::cString(a.object.email()); });
+                                  [](const VMKObjCAnonymous& a) { return capi::cString(a.value.email()); });
 }
 
 const char* VMKObjCAnonymousGetGuid(const VMKObjCAnonymous* anonymous) {
     return capi::get<const char*>(__func__, anonymous, nullptr,
-                                  [](const VMKObjCAnonymous& a) { return capi::cString(a.object.guid()); });
+                                  [](const VMKObjCAnonymous& a) { return capi::cString(a.value.guid()); });
 }
 
 VMKObjCAnonymous* VMKObjCAnonymousCopyUpdatingEmail(const VMKObjCAnonymous* anonymous, const char* email,
                                                     VMKError** outError) {
     return capi::entry<VMKObjCAnonymous*>(__func__, outError, nullptr, [&] {
         const auto& source = capi::use(anonymous);
-        return new VMKObjCAnonymous(*source.object.update(capi::optionalText(email, "email")));
+        return new VMKObjCAnonymous(*source.value.update(capi::optionalText(email, "email")));
     });
 }
 

@@ -241,7 +241,7 @@ char* copyString(std::string_view value) {
 }
 
 char* copyJson(const nlohmann::json& value) {
-    return copyString(value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    return copyString(platform::dumpJson(value));
 }
 
 void post(std::function<void()> call) {

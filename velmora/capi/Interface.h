@@ -177,13 +177,16 @@ const std::shared_ptr<Instance>& installed(const std::shared_ptr<Instance>& inst
     return instance;
 }
 
-// A provider handle keeps the instance it was made from, as the object runtime's providers do.
-template <Kind K>
-struct ProviderHandle : Handle {
+// A handle that holds one value of the library's: a record, an identity, or the instance it was made from
+// (a provider keeps its instance, as the object runtime's providers do).
+template <Kind K, class T>
+struct ValueHandle : Handle {
     static constexpr Kind tag = K;
-    explicit ProviderHandle(std::shared_ptr<const Velmora> value) : Handle(K), instance(std::move(value)) {}
-    std::shared_ptr<const Velmora> instance;
+    explicit ValueHandle(T held) : Handle(K), value(std::move(held)) {}
+    T value;
 };
+template <Kind K>
+using ProviderHandle = ValueHandle<K, std::shared_ptr<const Velmora>>;
 
 }  // namespace velmora::capi
 
@@ -197,56 +200,49 @@ struct VMKError : velmora::capi::Handle {
     std::string description;
 };
 
-struct VMKVelmora : velmora::capi::Handle {
-    static constexpr velmora::capi::Kind tag = velmora::capi::Kind::velmora;
+struct VMKVelmora
+    : velmora::capi::ValueHandle<velmora::capi::Kind::velmora, std::shared_ptr<velmora::Velmora>> {
     static constexpr const char* name = "VMKVelmora";
-    explicit VMKVelmora(std::shared_ptr<velmora::Velmora> value) : Handle(tag), instance(std::move(value)) {}
-    std::shared_ptr<velmora::Velmora> instance;
+    using ValueHandle::ValueHandle;
 };
 
-struct VMKObjCJwt : velmora::capi::Handle {
-    static constexpr velmora::capi::Kind tag = velmora::capi::Kind::jwt;
+struct VMKObjCJwt : velmora::capi::ValueHandle<velmora::capi::Kind::jwt, velmora::VMKObjCJwt> {
     static constexpr const char* name = "VMKObjCJwt";
-    explicit VMKObjCJwt(velmora::VMKObjCJwt value) : Handle(tag), object(std::move(value)) {}
-    velmora::VMKObjCJwt object;
+    using ValueHandle::ValueHandle;
 };
 
-struct VMKObjCAnonymous : velmora::capi::Handle {
-    static constexpr velmora::capi::Kind tag = velmora::capi::Kind::anonymous;
+struct VMKObjCAnonymous
+    : velmora::capi::ValueHandle<velmora::capi::Kind::anonymous, velmora::VMKObjCAnonymous> {
     static constexpr const char* name = "VMKObjCAnonymous";
-    explicit VMKObjCAnonymous(velmora::VMKObjCAnonymous value) : Handle(tag), object(std::move(value)) {}
-    velmora::VMKObjCAnonymous object;
+    using ValueHandle::ValueHandle;
 };
 
 struct VMKUserProvider : velmora::capi::ProviderHandle<velmora::capi::Kind::userProvider> {
     static constexpr const char* name = "VMKUserProvider";
-    using ProviderHandle::ProviderHandle;
+    using ValueHandle::ValueHandle;
 };
 struct VMKPushProvider : velmora::capi::ProviderHandle<velmora::capi::Kind::pushProvider> {
     static constexpr const char* name = "VMKPushProvider";
-    using ProviderHandle::ProviderHandle;
+    using ValueHandle::ValueHandle;
 };
 struct VMKSettingsProvider : velmora::capi::ProviderHandle<velmora::capi::Kind::settingsProvider> {
     static constexpr const char* name = "VMKSettingsProvider";
-    using ProviderHandle::ProviderHandle;
+    using ValueHandle::ValueHandle;
 };
 struct VMKBlipsProvider : velmora::capi::ProviderHandle<velmora::capi::Kind::blipsProvider> {
     static constexpr const char* name = "VMKBlipsProvider";
-    using ProviderHandle::ProviderHandle;
+    using ValueHandle::ValueHandle;
 };
 
-struct VMKUser : velmora::capi::Handle {
-    static constexpr velmora::capi::Kind tag = velmora::capi::Kind::user;
+struct VMKUser : velmora::capi::ValueHandle<velmora::capi::Kind::user, velmora::User> {
     static constexpr const char* name = "VMKUser";
-    explicit VMKUser(velmora::User value) : Handle(tag), user(std::move(value)) {}
-    velmora::User user;
+    using ValueHandle::ValueHandle;
 };
 
-struct VMKUserFieldOption : velmora::capi::Handle {
-    static constexpr velmora::capi::Kind tag = velmora::capi::Kind::userFieldOption;
+struct VMKUserFieldOption
+    : velmora::capi::ValueHandle<velmora::capi::Kind::userFieldOption, velmora::UserFieldOption> {
     static constexpr const char* name = "VMKUserFieldOption";
-    explicit VMKUserFieldOption(velmora::UserFieldOption value) : Handle(tag), option(std::move(value)) {}
-    velmora::UserFieldOption option;
+    using ValueHandle::ValueHandle;
 };
 
 struct VMKUserField : velmora::capi::Handle {
@@ -267,9 +263,8 @@ struct VMKCoreSettings : velmora::capi::Handle {
     std::optional<std::string> authentication;
 };
 
-struct VMKBlipsSettings : velmora::capi::Handle {
-    static constexpr velmora::capi::Kind tag = velmora::capi::Kind::blipsSettings;
+struct VMKBlipsSettings
+    : velmora::capi::ValueHandle<velmora::capi::Kind::blipsSettings, velmora::BlipsSettings> {
     static constexpr const char* name = "VMKBlipsSettings";
-    explicit VMKBlipsSettings(velmora::BlipsSettings value) : Handle(tag), settings(value) {}
-    velmora::BlipsSettings settings;
+    using ValueHandle::ValueHandle;
 };

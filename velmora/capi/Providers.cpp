@@ -27,14 +27,14 @@ namespace {
 template <class Provider>
 Provider* createProvider(const char* function, const VMKVelmora* velmora, VMKError** outError) {
     return capi::entry<Provider*>(function, outError, nullptr,
-                                  [&] { return new Provider(capi::installed(capi::use(velmora).instance)); });
+                                  [&] { return new Provider(capi::installed(capi::use(velmora).value)); });
 }
 
 // One call on a provider: the arguments are checked by `body` before it hands anything to the library.
 template <class Provider, class F>
 bool call(const char* function, const Provider* provider, VMKError** outError, F&& body) {
     return capi::entry(function, outError, false, [&] {
-        body(capi::installed(capi::use(provider).instance)->providerModule());
+        body(capi::installed(capi::use(provider).value)->providerModule());
         return true;
     });
 }
@@ -165,39 +165,39 @@ bool VMKUserProviderGetUserFields(const VMKUserProvider* provider, VMKUserFields
 }
 
 const char* VMKUserGetId(const VMKUser* user) {
-    return stringField(__func__, user, [](const VMKUser& u) -> const std::string& { return u.user.id; });
+    return stringField(__func__, user, [](const VMKUser& u) -> const std::string& { return u.value.id; });
 }
 
 const char* VMKUserGetName(const VMKUser* user) {
-    return stringField(__func__, user, [](const VMKUser& u) -> const std::string& { return u.user.name; });
+    return stringField(__func__, user, [](const VMKUser& u) -> const std::string& { return u.value.name; });
 }
 
 bool VMKUserIsAgent(const VMKUser* user) {
-    return record(__func__, user, false, [](const VMKUser& u) { return u.user.agent; });
+    return record(__func__, user, false, [](const VMKUser& u) { return u.value.agent; });
 }
 
 const char* VMKUserGetContentURL(const VMKUser* user) {
     return stringField(__func__, user,
-                       [](const VMKUser& u) -> const std::string& { return u.user.content_url; });
+                       [](const VMKUser& u) -> const std::string& { return u.value.content_url; });
 }
 
 size_t VMKUserGetTagCount(const VMKUser* user) {
-    return record(__func__, user, size_t{0}, [](const VMKUser& u) { return u.user.tags.size(); });
+    return record(__func__, user, size_t{0}, [](const VMKUser& u) { return u.value.tags.size(); });
 }
 
 const char* VMKUserGetTag(const VMKUser* user, size_t index) {
     return stringField(__func__, user, [index](const VMKUser& u) -> const std::string& {
-        return u.user.tags[capi::checkedIndex(index, u.user.tags.size())];
+        return u.value.tags[capi::checkedIndex(index, u.value.tags.size())];
     });
 }
 
 size_t VMKUserGetUserFieldCount(const VMKUser* user) {
-    return record(__func__, user, size_t{0}, [](const VMKUser& u) { return u.user.user_fields.size(); });
+    return record(__func__, user, size_t{0}, [](const VMKUser& u) { return u.value.user_fields.size(); });
 }
 
 const char* VMKUserGetUserFieldKey(const VMKUser* user, size_t index) {
     return stringField(__func__, user, [index](const VMKUser& u) -> const std::string& {
-        const auto& fields = u.user.user_fields;
+        const auto& fields = u.value.user_fields;
         return std::next(fields.begin(),
                          static_cast<std::ptrdiff_t>(capi::checkedIndex(index, fields.size())))
             ->first;
@@ -206,14 +206,14 @@ const char* VMKUserGetUserFieldKey(const VMKUser* user, size_t index) {
 
 const char* VMKUserGetUserFieldValue(const VMKUser* user, const char* key) {
     return record(__func__, user, static_cast<const char*>(nullptr), [key](const VMKUser& u) -> const char* {
-        const auto found = u.user.user_fields.find(capi::text(key, "key"));
-        return found == u.user.user_fields.end() ? nullptr : found->second.c_str();
+        const auto found = u.value.user_fields.find(capi::text(key, "key"));
+        return found == u.value.user_fields.end() ? nullptr : found->second.c_str();
     });
 }
 
 char* VMKUserCopyJSON(const VMKUser* user) {
     return record(__func__, user, static_cast<char*>(nullptr),
-                  [](const VMKUser& u) { return capi::copyJson(u.user.toJson()); });
+                  [](const VMKUser& u) { return capi::copyJson(u.value.toJson()); });
 }
 
 VMKUser* VMKUserCopy(const VMKUser* user) {
@@ -322,37 +322,36 @@ void VMKUserFieldRelease(VMKUserField* field) {
 
 const char* VMKUserFieldOptionGetId(const VMKUserFieldOption* option) {
     return stringField(__func__, option,
-                       [](const VMKUserFieldOption& o) -> const std::string& { return o.option.id; });
+                       [](const VMKUserFieldOption& o) -> const std::string& { return o.value.id; });
 }
 
 const char* VMKUserFieldOptionGetName(const VMKUserFieldOption* option) {
     return stringField(__func__, option,
-                       [](const VMKUserFieldOption& o) -> const std::string& { return o.option.name; });
+                       [](const VMKUserFieldOption& o) -> const std::string& { return o.value.name; });
 }
 
 const char* VMKUserFieldOptionGetRawName(const VMKUserFieldOption* option) {
     return stringField(__func__, option,
-                       [](const VMKUserFieldOption& o) -> const std::string& { return o.option.raw_name; });
+                       [](const VMKUserFieldOption& o) -> const std::string& { return o.value.raw_name; });
 }
 
 const char* VMKUserFieldOptionGetURL(const VMKUserFieldOption* option) {
     return stringField(__func__, option,
-                       [](const VMKUserFieldOption& o) -> const std::string& { return o.option.url; });
+                       [](const VMKUserFieldOption& o) -> const std::string& { return o.value.url; });
 }
 
 const char* VMKUserFieldOptionGetValue(const VMKUserFieldOption* option) {
     return stringField(__func__, option,
-                       [](const VMKUserFieldOption& o) -> const std::string& { return o.option.value; });
+                       [](const VMKUserFieldOption& o) -> const std::string& { return o.value.value; });
 }
 
 int64_t VMKUserFieldOptionGetPosition(const VMKUserFieldOption* option) {
-    return record(__func__, option, int64_t{0},
-                  [](const VMKUserFieldOption& o) { return o.option.position; });
+    return record(__func__, option, int64_t{0}, [](const VMKUserFieldOption& o) { return o.value.position; });
 }
 
 char* VMKUserFieldOptionCopyJSON(const VMKUserFieldOption* option) {
     return record(__func__, option, static_cast<char*>(nullptr),
-                  [](const VMKUserFieldOption& o) { return capi::copyJson(o.option.toJson()); });
+                  [](const VMKUserFieldOption& o) { return capi::copyJson(o.value.toJson()); });
 }
 
 VMKPushProvider* VMKPushProviderCreate(const VMKVelmora* velmora, VMKError** outError) {
@@ -474,22 +473,22 @@ void VMKCoreSettingsRelease(VMKCoreSettings* settings) {
 
 bool VMKBlipsSettingsGetRequired(const VMKBlipsSettings* settings) {
     return record(__func__, settings, false,
-                  [](const VMKBlipsSettings& s) { return s.settings.permissions.required; });
+                  [](const VMKBlipsSettings& s) { return s.value.permissions.required; });
 }
 
 bool VMKBlipsSettingsGetTrailmark(const VMKBlipsSettings* settings) {
     return record(__func__, settings, false,
-                  [](const VMKBlipsSettings& s) { return s.settings.permissions.trailmark; });
+                  [](const VMKBlipsSettings& s) { return s.value.permissions.trailmark; });
 }
 
 bool VMKBlipsSettingsGetBehavioural(const VMKBlipsSettings* settings) {
     return record(__func__, settings, false,
-                  [](const VMKBlipsSettings& s) { return s.settings.permissions.behavioural; });
+                  [](const VMKBlipsSettings& s) { return s.value.permissions.behavioural; });
 }
 
 char* VMKBlipsSettingsCopyJSON(const VMKBlipsSettings* settings) {
     return record(__func__, settings, static_cast<char*>(nullptr),
-                  [](const VMKBlipsSettings& s) { return capi::copyJson(s.settings.toJson()); });
+                  [](const VMKBlipsSettings& s) { return capi::copyJson(s.value.toJson()); });
 }
 
 VMKBlipsSettings* VMKBlipsSettingsCopy(const VMKBlipsSettings* settings) {

@@ -1,4 +1,5 @@
 #include "velmora/platform/Error.h"
+#include "velmora/platform/Json.h"
 
 namespace velmora::platform {
 
@@ -24,7 +25,7 @@ std::string Error::localizedDescription() const {
 
 std::string Error::description() const {
     return "Error Domain=" + domain_ + " Code=" + std::to_string(code_) + " \"" + localizedDescription() +
-           "\" UserInfo=" + userInfo_.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+           "\" UserInfo=" + dumpJson(userInfo_);
 }
 
 }  // namespace velmora::platform

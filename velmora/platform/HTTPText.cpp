@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "velmora/platform/Json.h"
 #include "velmora/platform/URLSession.h"
 
 namespace velmora::platform {
@@ -39,8 +40,7 @@ Error pathSegmentError(std::string_view what, std::string_view value) {
 
 std::string quotedForMessage(std::string_view text, std::size_t limit) {
     const bool cut = text.size() > limit;
-    auto quoted = nlohmann::json(std::string(text.substr(0, limit)))
-                      .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    auto quoted = dumpJson(std::string(text.substr(0, limit)));
     if (cut) {
         quoted.insert(quoted.size() - 1, "...");
     }

@@ -32,6 +32,10 @@ std::size_t textDepth(std::string_view text) {
 
 }  // namespace
 
+std::string dumpJson(const nlohmann::json& value) {
+    return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 nlohmann::json parseJson(std::string_view text) {
     if (textDepth(text) > maximumJsonDepth) {
         return nlohmann::json(nlohmann::json::value_t::discarded);

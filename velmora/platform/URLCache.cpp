@@ -358,14 +358,11 @@ void URLCache::storeCachedResponse(const CachedURLResponse& response, const URLR
         sqlite3_finalize(statement);
         return;
     }
-    const auto dump = [](const nlohmann::json& value) {
-        return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-    };
     nlohmann::json headers = nlohmann::json::object();
     for (const auto& [name, value] : response.response->allHeaderFields()) {
         headers[name] = value;
     }
-    const std::string texts[] = {dump(headers), dump(entry.varying), dump(response.userInfo)};
+    const std::string texts[] = {dumpJson(headers), dumpJson(entry.varying), dumpJson(response.userInfo)};
     if (sqlite3_prepare_v2(
             disk_,
             "INSERT OR REPLACE INTO cached_responses (key, url, status, headers, data, size,"

@@ -406,8 +406,8 @@ struct URLSession::Engine {
     // as it is: its preconditions are about what its sender holds.
     bool consultCache(Transfer& transfer) {
         const auto& cache = session.configuration_.urlCache;
-        if (!cache) {
-            return false;
+        if (!cache || transfer.task->request_.httpMethod != "GET") {
+            return false;  // only a GET is answered from the cache or kept by it
         }
         transfer.cacheRequest = withSessionHeaders(transfer.task->request_);
         const auto& fields = transfer.request.allHTTPHeaderFields;
@@ -683,9 +683,9 @@ struct URLSession::Engine {
         }
         const auto response = transfer.task->response();
         const auto& cache = session.configuration_.urlCache;
-        if (!error && response && transfer.collecting.value_or(mayOffer(transfer))) {
-            const CachedURLResponse proposed{response, transfer.collected, URLCacheStoragePolicy::allowed,
-                                             nullptr};
+        if (!error && response && (transfer.collecting ? *transfer.collecting : mayOffer(transfer))) {
+            const CachedURLResponse proposed{response, std::move(transfer.collected),
+                                             URLCacheStoragePolicy::allowed, nullptr};
             bool answered = false;
             session.delegate_->willCacheResponse(
                 session, *transfer.task, proposed, [&](std::optional<CachedURLResponse> chosen) {

@@ -25,7 +25,7 @@ std::string fieldText(const json& value) {
     if (value.is_boolean()) {
         return value.get<bool>() ? "true" : "false";
     }
-    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+    return platform::dumpJson(value);
 }
 
 // Strict member readers for the field definitions: each fails the decoding when the member is missing or
@@ -356,8 +356,8 @@ void UserProvider::getUser(std::function<void(Result<User>)> callback) const {
 void UserProvider::addTags(const std::vector<std::string>& tags,
                            std::function<void(Result<User>)> callback) const {
     send<User>("/api/mobile/user_tags.json", HttpMethod::post,
-               Data::fromString(json{{"tags", tags}}.dump(-1, ' ', false, json::error_handler_t::replace)),
-               decodeUserContainer, std::move(callback));
+               Data::fromString(platform::dumpJson(json{{"tags", tags}})), decodeUserContainer,
+               std::move(callback));
 }
 
 void UserProvider::deleteTags(const std::vector<std::string>& tags,
@@ -383,8 +383,7 @@ void UserProvider::setUserFields(const std::map<std::string, json>& userFields,
         fields[key] = value;
     }
     send<User>("/api/mobile/users/me.json", HttpMethod::put,
-               Data::fromString(json{{"user", {{"user_fields", fields}}}}.dump(
-                   -1, ' ', false, json::error_handler_t::replace)),
+               Data::fromString(platform::dumpJson(json{{"user", {{"user_fields", fields}}}})),
                decodeUserContainer, std::move(callback));
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 #include <nlohmann/json.hpp>
@@ -16,6 +17,10 @@ inline constexpr std::size_t maximumJsonDepth = 512;
 
 // The text parsed, or a discarded value (is_discarded()) when it is not JSON or nests deeper than the limit.
 VELMORA_EXPORT nlohmann::json parseJson(std::string_view text);
+
+// The value as compact text; bytes that are not UTF-8 (from a host or a server) become U+FFFD rather than
+// an exception.
+VELMORA_EXPORT std::string dumpJson(const nlohmann::json& value);
 
 // Whether the value nests no deeper than the limit; measured without recursion.
 VELMORA_EXPORT bool isWithinJsonDepth(const nlohmann::json& value);
