@@ -13,13 +13,6 @@ using nlohmann::json;
 
 constexpr double MiB = 1024.0 * 1024.0;
 
-TEST(DeviceUtilTest, UnitsAndRoundingFollowTheirFixedRules) {
-    EXPECT_EQ(DeviceUtil::roundedTotalMemory(2943 * MiB), "2816");
-    EXPECT_EQ(DeviceUtil::roundedTotalMemory(100 * MiB), "-1");
-    EXPECT_EQ(DeviceUtil::usedMebibytes(1024 * MiB, 1'048'575), "1023") << "disk figures are truncated";
-    EXPECT_EQ(DeviceUtil::batteryPercent(0.5), "50");
-}
-
 class BlipRecordsTest : public LibraryTest {
   protected:
     struct Fixed : platform::LinuxDeviceFacts {
@@ -39,7 +32,7 @@ class BlipRecordsTest : public LibraryTest {
     inline static const Date fiveMillisPast = Date::fromMillisecondsSince1970(1'795'289'368'005);
 };
 
-TEST_F(BlipRecordsTest, DeviceFactsAreReadAfreshAsText) {
+TEST_F(BlipRecordsTest, DeviceFactsAreReadAfreshAsTextByTheirFixedRulesOfUnitsAndRounding) {
     const auto info = DeviceInfo::current();
     // The model skips zero bytes instead of ending there; the free space read is within the total.
     EXPECT_EQ(std::tie(info.os, info.model, info.memory_used, info.memory_total, info.battery_level,
@@ -52,6 +45,11 @@ TEST_F(BlipRecordsTest, DeviceFactsAreReadAfreshAsText) {
     reinstallEnvironment();
     EXPECT_EQ(std::pair(DeviceInfo::current().disk_total, DeviceInfo::current().disk_used),
               std::pair(std::string("-1"), std::string("-1")));
+    // The fixed rules of units and rounding; disk figures are truncated.
+    EXPECT_EQ(
+        std::tuple(DeviceUtil::roundedTotalMemory(2943 * MiB), DeviceUtil::roundedTotalMemory(100 * MiB),
+                   DeviceUtil::usedMebibytes(1024 * MiB, 1'048'575), DeviceUtil::batteryPercent(0.5)),
+        std::tuple("2816", "-1", "1023", "50"));
 }
 
 TEST_F(BlipRecordsTest, EachKindOfEventCarriesOnlyWhatItHasWithItsKeysInTheStatedOrder) {
@@ -62,19 +60,19 @@ TEST_F(BlipRecordsTest, EachKindOfEventCarriesOnlyWhatItHasWithItsKeysInTheState
         action.data().value().toString().starts_with(R"({"appId":"app","uuid":"UUID","version":"2.0.0")"))
         << "keys go out in their stated order";
     auto encoded = json::parse(action.data().value().view());
-    EXPECT_EQ(encoded["timestamp"], "2026-11-21T19:29:28.005Z");
     EXPECT_FALSE(encoded.contains("userId") || encoded.contains("url") || encoded.contains("pageView"));
-    EXPECT_EQ(encoded["userAction"].size(), 3u);
-    ASSERT_EQ(encoded["userAction"]["value"].size(), 1u) << "no label, no payload";
-    EXPECT_EQ(encoded["userAction"]["value"]["device"].size(), 10u);
+    // The timestamp; how many members the action, its value (no label, no payload) and its device have.
+    EXPECT_EQ(json({encoded["timestamp"], encoded["userAction"].size(), encoded["userAction"]["value"].size(),
+                    encoded["userAction"]["value"]["device"].size()}),
+              json({"2026-11-21T19:29:28.005Z", 3, 1, 10}));
 
     const auto page = BlipRequest::makePageView("app", "UUID", "1.0", "web", "1", fiveMillisPast, 0, "Help",
                                                 "fr", "https://h", json{{"article", 7}});
     encoded = json::parse(page.data().value().view());
     EXPECT_FALSE(encoded.contains("userAction"));
-    EXPECT_EQ(json({encoded["userId"], encoded["url"], encoded["pageView"]["navigatorLanguage"]}),
-              json({0, "https://h", "fr"}));
-    EXPECT_EQ(encoded["pageView"]["value"]["payload"], json({{"article", 7}}));
+    EXPECT_EQ(json({encoded["userId"], encoded["url"], encoded["pageView"]["navigatorLanguage"],
+                    encoded["pageView"]["value"]["payload"]}),
+              json({0, "https://h", "fr", json{{"article", 7}}}));
     const auto notText = BlipRequest::makePageView("app", "UUID", "1", "c", "1", fiveMillisPast, std::nullopt,
                                                    "\xff", "fr", "u", std::nullopt);
     EXPECT_TRUE(notText.data().isError()) << "text that is not UTF-8 cannot be sent";
@@ -87,10 +85,10 @@ class BlipsProviderTest : public ServerTest {
     BlipsProvider provider() const {
         return BlipsProvider(details, identity, std::make_shared<SettingsProvider>(details));
     }
-    void storePermissions(bool required, bool behavioural) {
+    // The default document (required events on, trailmark off) with behavioural events on or off.
+    void storePermissions(bool behavioural) {
         auto document = mock::AccountServer::defaultSettings();
-        document["blips"]["permissions"] = {
-            {"required", required}, {"behavioural", behavioural}, {"trailmark", false}};
+        document["blips"]["permissions"]["behavioural"] = behavioural;
         ASSERT_TRUE(SettingsStore("app").storeSettings(Data::fromString(document.dump())));
     }
     static UserAction pushOn() {
@@ -99,7 +97,7 @@ class BlipsProviderTest : public ServerTest {
 };
 
 TEST_F(BlipsProviderTest, OnlyPermittedGroupsAreSentAndEventsNeverLogIn) {
-    storePermissions(true, false);
+    storePermissions(false);
     identity->update(IdentityStore::authTokenKey, "secret");
     provider().send(UserAction{"1.0", "Tapped", "app", "UI", "label", json{{"n", 1}}},
                     BlipsGroup::behavioural);
@@ -112,8 +110,7 @@ TEST_F(BlipsProviderTest, OnlyPermittedGroupsAreSentAndEventsNeverLogIn) {
     EXPECT_EQ(sent[0].header("Client-Identifier"), "client");
     EXPECT_TRUE(server.requests("POST", "/access/sdk/anonymous").empty());
     const auto event = server.state()["events"].at(0);
-    EXPECT_EQ(event["uuid"], identity->uuid());
-    EXPECT_EQ(event["userAction"]["action"], "PushOn");
+    EXPECT_EQ(json({event["uuid"], event["userAction"]["action"]}), json({identity->uuid(), "PushOn"}));
 
     EXPECT_EQ(BlipsProvider::blipURL(Data::fromString("\xfb\xff"), *details).value().absoluteString(),
               server.url() + "/embeddable_blip?data=+/8=")
@@ -124,7 +121,7 @@ TEST_F(BlipsProviderTest, NoStoredSettingsMeanNoPermissionAndTransportFailuresAr
     provider().send(pushOn(), BlipsGroup::required);
     EXPECT_TRUE(logs->contains("[DEBUG]: Returning default settings for BlipsSettings. No data in cache."));
 
-    storePermissions(true, true);
+    storePermissions(true);
     server.script("GET", "/embeddable_blip", {.status = 200, .drop = true});
     provider().send(PageView{"1.0", "web", "https://h", "Help", "fr", std::nullopt}, BlipsGroup::behavioural);
     EXPECT_EQ(awaitLinesStartingWith("[DEBUG]: Unable to blip Error Domain=NSURLErrorDomain Code=-1005"), 1u);

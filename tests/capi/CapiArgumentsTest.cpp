@@ -18,7 +18,7 @@ constexpr std::int64_t null = VMKErrorCodeNullArgument;
 constexpr std::int64_t invalid = VMKErrorCodeInvalidArgument;
 const char* const notUtf8 = "\xff";
 const VMKLogLevel noLevel = static_cast<VMKLogLevel>(7);
-const VMKBlipsGroup noGroup = static_cast<VMKBlipsGroup>(3);
+const VMKBlipsGroup required = VMKBlipsGroupRequired, noGroup = static_cast<VMKBlipsGroup>(3);
 
 struct Row {
     const char* function;
@@ -27,9 +27,9 @@ struct Row {
 };
 
 // clang-format off
-// A call that must refuse through `e`, its outError, with `code`.
+// A call that must refuse with `code` through its outError, the argument appended to the ones given.
 #define WITH_ERROR(function, code, ...) \
-    Row { #function, code, [&](VMKError** e) { return !function(__VA_ARGS__); } }
+    Row { #function, code, [&](VMKError** e) { return !function(__VA_ARGS__, e); } }
 // A call without outError that must refuse with a log line.
 #define LOGGED(function, ...) \
     Row { #function, logged, [&](VMKError**) { return !function(__VA_ARGS__); } }
@@ -62,60 +62,54 @@ TEST_F(CapiArgumentsTest, EveryFunctionRefusesWithItsFailureValueAndAnErrorOrALo
     const std::vector<Row> rows{
         LOGGED(VMKErrorGetDomain, nullptr), LOGGED(VMKErrorCopyUserInfoJSON, nullptr),
         LOGGED(VMKErrorCopy, nullptr), WRONG_KIND(VMKErrorRelease, VMKError, user),
-        WITH_ERROR(VMKEnvironmentInstall, invalid, notUtf8, nullptr, nullptr, e),
-        WITH_ERROR(VMKCoreLoggerSetLogLevel, invalid, noLevel, e), LOGGED(VMKCoreLoggerIsLogging, noLevel),
-        WITH_ERROR(VMKCoreLoggerLog, null, VMKLogLevelError, nullptr, e),
-        WITH_ERROR(VMKCoreLoggerLog, invalid, noLevel, "text", e),
-        WITH_ERROR(VMKVelmoraInitialize, null, nullptr, "client", "http://host", e),
-        WITH_ERROR(VMKVelmoraInitialize, VMKErrorCodeRefused, "app", "client", "ftp://host", e),
+        WITH_ERROR(VMKEnvironmentInstall, invalid, notUtf8, nullptr, nullptr),
+        WITH_ERROR(VMKCoreLoggerSetLogLevel, invalid, noLevel), LOGGED(VMKCoreLoggerIsLogging, noLevel),
+        WITH_ERROR(VMKCoreLoggerLog, null, VMKLogLevelError, nullptr),
+        WITH_ERROR(VMKCoreLoggerLog, invalid, noLevel, "text"),
+        WITH_ERROR(VMKVelmoraInitialize, null, nullptr, "client", "http://host"),
+        WITH_ERROR(VMKVelmoraInitialize, VMKErrorCodeRefused, "app", "client", "ftp://host"),
         WRONG_KIND(VMKVelmoraRelease, VMKVelmora, error), LOGGED(VMKVelmoraGetApplicationId, nullptr),
-        WITH_ERROR(VMKVelmoraSetJwtIdentity, null, velmora, nullptr, e),
+        WITH_ERROR(VMKVelmoraSetJwtIdentity, null, velmora, nullptr),
         WITH_ERROR(VMKVelmoraSetAnonymousIdentity, invalid, velmora,
-                   reinterpret_cast<::VMKObjCAnonymous*>(jwt), e),
-        WITH_ERROR(VMKVelmoraCopyObjCIdentity, null, velmora, nullptr, &anonymous, e),
+                   reinterpret_cast<::VMKObjCAnonymous*>(jwt)),
+        WITH_ERROR(VMKVelmoraCopyObjCIdentity, null, velmora, nullptr, &anonymous),
         LOGGED(VMKVelmoraWaitForPendingRequests, -1),
-        WITH_ERROR(VMKObjCJwtCreate, invalid, notUtf8, e), LOGGED(VMKObjCJwtGetToken, nullptr),
+        WITH_ERROR(VMKObjCJwtCreate, invalid, notUtf8), LOGGED(VMKObjCJwtGetToken, nullptr),
         WRONG_KIND(VMKObjCJwtRelease, ::VMKObjCJwt, anonymous), LOGGED(VMKObjCAnonymousGetName, nullptr),
-        WITH_ERROR(VMKObjCAnonymousCreate, invalid, notUtf8, nullptr, e),
-        WITH_ERROR(VMKObjCAnonymousCopyUpdatingEmail, invalid, anonymous, notUtf8, e),
-        WITH_ERROR(VMKUserProviderCreate, null, nullptr, e),
-        WITH_ERROR(VMKUserProviderGetUser, null, nullptr, nullptr, nullptr, e),
-        WITH_ERROR(VMKUserProviderAddTags, null, users, nullptr, 1, nullptr, nullptr, e),
-        WITH_ERROR(VMKUserProviderAddTags, invalid, users, badTag, 1, nullptr, nullptr, e),
-        WITH_ERROR(VMKUserProviderDeleteTags, null, users, nullTag, 1, nullptr, nullptr, e),
-        WITH_ERROR(VMKUserProviderSetUserFields, invalid, users, "[1]", nullptr, nullptr, e),
-        WITH_ERROR(VMKUserProviderSetUserFields, invalid, users, "{", nullptr, nullptr, e),
-        WITH_ERROR(VMKUserProviderGetUserFields, invalid, otherProvider, nullptr, nullptr, e),
+        WITH_ERROR(VMKObjCAnonymousCreate, invalid, notUtf8, nullptr),
+        WITH_ERROR(VMKObjCAnonymousCopyUpdatingEmail, invalid, anonymous, notUtf8),
+        WITH_ERROR(VMKUserProviderCreate, null, nullptr),
+        WITH_ERROR(VMKUserProviderGetUser, null, nullptr, nullptr, nullptr),
+        WITH_ERROR(VMKUserProviderAddTags, null, users, nullptr, 1, nullptr, nullptr),
+        WITH_ERROR(VMKUserProviderAddTags, invalid, users, badTag, 1, nullptr, nullptr),
+        WITH_ERROR(VMKUserProviderDeleteTags, null, users, nullTag, 1, nullptr, nullptr),
+        WITH_ERROR(VMKUserProviderSetUserFields, invalid, users, "[1]", nullptr, nullptr),
+        WITH_ERROR(VMKUserProviderSetUserFields, invalid, users, "{", nullptr, nullptr),
+        WITH_ERROR(VMKUserProviderGetUserFields, invalid, otherProvider, nullptr, nullptr),
         LOGGED(VMKUserGetId, nullptr), LOGGED(VMKUserGetTagCount, nullptr), LOGGED(VMKUserCopy, nullptr),
         LOGGED(VMKUserGetTag, user, 0), LOGGED(VMKUserGetUserFieldKey, user, 0),
         LOGGED(VMKUserGetUserFieldValue, user, nullptr), WRONG_KIND(VMKUserRelease, VMKUser, error),
         LOGGED(VMKUserFieldGetId, nullptr), LOGGED(VMKUserFieldGetPosition, nullptr),
         LOGGED(VMKUserFieldGetOption, field, 1), LOGGED(VMKUserFieldOptionGetId, nullptr),
         LOGGED(VMKUserFieldOptionGetValue, reinterpret_cast<const VMKUserFieldOption*>(field)),
-        WITH_ERROR(VMKPushProviderRegisterWithDeviceIdentifier, null, push, nullptr, "en", nullptr, nullptr,
-                   e),
-        WITH_ERROR(VMKPushProviderRegisterWithUAIdentifier, invalid, push, "channel", notUtf8, nullptr,
-                   nullptr, e),
-        WITH_ERROR(VMKPushProviderUnregisterDeviceIdentifier, null, push, nullptr, e),
+        WITH_ERROR(VMKPushProviderRegisterWithDeviceIdentifier, null, push, nullptr, "en", nullptr, nullptr),
+        WITH_ERROR(VMKPushProviderRegisterWithUAIdentifier, invalid, push, "c", notUtf8, nullptr, nullptr),
+        WITH_ERROR(VMKPushProviderUnregisterDeviceIdentifier, null, push, nullptr),
         WITH_ERROR(VMKSettingsProviderGetBlipsSettings, invalid,
-                   reinterpret_cast<VMKSettingsProvider*>(users), nullptr, nullptr, e),
+                   reinterpret_cast<VMKSettingsProvider*>(users), nullptr, nullptr),
         Row{"VMKCoreSettingsGetBrandId", logged,
             [](VMKError**) { return VMKCoreSettingsGetBrandId(nullptr) == -1; }},
         LOGGED(VMKCoreSettingsGetIdentifier, nullptr), LOGGED(VMKBlipsSettingsGetRequired, nullptr),
-        WITH_ERROR(VMKBlipsProviderSendUserAction, null, blips, "1", nullptr, "c", "k", nullptr, nullptr,
-                   VMKBlipsGroupRequired, e),
-        WITH_ERROR(VMKBlipsProviderSendUserAction, invalid, blips, "1", "a", "c", "k", nullptr, "{",
-                   VMKBlipsGroupRequired, e),
-        WITH_ERROR(VMKBlipsProviderSendUserAction, invalid, blips, "1", "a", "c", "k", nullptr, nullptr,
-                   noGroup, e),
-        WITH_ERROR(VMKBlipsProviderSendPageView, invalid, blips, "1", "c", "u", notUtf8, "en", nullptr,
-                   VMKBlipsGroupRequired, e),
+        WITH_ERROR(VMKBlipsProviderSendUserAction, null, blips, "1", nullptr, "c", "k", "l", "1", required),
+        WITH_ERROR(VMKBlipsProviderSendUserAction, invalid, blips, "1", "a", "c", "k", "l", "{", required),
+        WITH_ERROR(VMKBlipsProviderSendUserAction, invalid, blips, "1", "a", "c", "k", "l", nullptr, noGroup),
+        WITH_ERROR(VMKBlipsProviderSendPageView, invalid, blips, "1", "c", "u", notUtf8, "en", "1", required),
         LOGGED(VMKHelpCenterUtilCanAuthenticateRequest, nullptr, nullptr),
         LOGGED(VMKHelpCenterUtilCanAuthenticateRequest, "http://127.0.0.1:9/hc", R"({"Authorization": 1})"),
-        WITH_ERROR(VMKHelpCenterUtilCopyCanonicalRequestHeadersJSON, invalid, "no URL", nullptr, e),
-        WITH_ERROR(VMKHelpCenterUtilCopyCanonicalRequestHeadersJSON, invalid, "http://127.0.0.1:9/", "[]", e),
-        WITH_ERROR(VMKHelpCenterUtilLoadURL, null, nullptr, nullptr, nullptr, e),
-        WITH_ERROR(VMKHelpCenterUtilLoadURL, invalid, notUtf8, nullptr, nullptr, e),
+        WITH_ERROR(VMKHelpCenterUtilCopyCanonicalRequestHeadersJSON, invalid, "no URL", nullptr),
+        WITH_ERROR(VMKHelpCenterUtilCopyCanonicalRequestHeadersJSON, invalid, "http://127.0.0.1:9/", "[]"),
+        WITH_ERROR(VMKHelpCenterUtilLoadURL, null, nullptr, nullptr, nullptr),
+        WITH_ERROR(VMKHelpCenterUtilLoadURL, invalid, notUtf8, nullptr, nullptr),
     };
     // clang-format on
 

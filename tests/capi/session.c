@@ -7,14 +7,11 @@
 
 static int failures = 0;
 
-#define CHECK(condition) check((condition), #condition, __LINE__)
-
-static void check(bool passed, const char* text, int line) {
-    if (!passed) {
-        fprintf(stderr, "session.c:%d: failed: %s\n", line, text);
-        ++failures;
-    }
-}
+/* Counts a failure and tells of it (with the line) when the condition is false. */
+#define CHECK(condition) \
+    (void)((condition) || (fprintf(stderr, "session.c:%d: failed: %s\n", __LINE__, #condition), ++failures))
+/* Waits until every request made so far has completed and every callback owed has run. */
+#define SETTLE() CHECK(VMKVelmoraWaitForPendingRequests(20000))
 
 static bool same(const char* a, const char* b) {
     return a != NULL && b != NULL && strcmp(a, b) == 0;
@@ -30,10 +27,6 @@ static bool isError(VMKError** error, const char* domain, int64_t code) {
     VMKErrorRelease(*error);
     *error = NULL;
     return matches;
-}
-
-static void settle(void) {
-    CHECK(VMKVelmoraWaitForPendingRequests(20000));
 }
 
 /* What the last asynchronous call's callbacks handed over, kept with Copy. */
@@ -62,7 +55,7 @@ static void forget(void) {
 }
 
 /* Forgets the last answer, starts the call and waits until every callback has run. */
-#define AWAIT(call) (forget(), CHECK(call), settle())
+#define AWAIT(call) (forget(), CHECK(call), SETTLE())
 
 static Answer* took(void* context, const VMKError* error) {
     Answer* kept = context;
@@ -98,10 +91,7 @@ static void onBlips(const VMKBlipsSettings* settings, void* context) {
 static void onPage(int status, const uint8_t* body, size_t length, const VMKError* error, void* context) {
     Answer* kept = took(context, error);
     kept->status = status;
-    const size_t size = length < sizeof kept->page ? length : sizeof kept->page - 1;
-    if (size > 0) {
-        memcpy(kept->page, body, size);
-    }
+    snprintf(kept->page, sizeof kept->page, "%.*s", (int)length, length > 0 ? (const char*)body : "");
 }
 
 /* Counts the log lines that tell of fire-and-forget outcomes. */
@@ -148,11 +138,10 @@ int main(int argc, char** argv) {
     CHECK(answer.calls == 1 && answer.user == NULL);
     CHECK(isError(&answer.error, VMKErrorDomainAccess, VMKErrorCodeNoIdentity));
 
-    VMKObjCAnonymous* ann = VMKObjCAnonymousCreate("Ann", "ann@example.com", &error);
-    CHECK(VMKVelmoraSetAnonymousIdentity(velmora, ann, &error));
-    VMKObjCAnonymousRelease(ann);
+    VMKObjCAnonymous* anonymous = VMKObjCAnonymousCreate("Ann", "ann@example.com", &error);
+    CHECK(VMKVelmoraSetAnonymousIdentity(velmora, anonymous, &error));
+    VMKObjCAnonymousRelease(anonymous);
     VMKObjCJwt* jwt = NULL;
-    VMKObjCAnonymous* anonymous = NULL;
     CHECK(VMKVelmoraCopyObjCIdentity(velmora, &jwt, &anonymous, &error));
     CHECK(jwt == NULL && same(VMKObjCAnonymousGetName(anonymous), "Ann") &&
           same(VMKObjCAnonymousGetEmail(anonymous), "ann@example.com"));
@@ -169,9 +158,6 @@ int main(int argc, char** argv) {
     CHECK(same(VMKUserGetUserFieldValue(answer.user, "plan"), "gold") &&
           same(VMKUserGetUserFieldValue(answer.user, "seats"), "12") &&
           VMKUserGetUserFieldValue(answer.user, "colour") == NULL);
-    char* json = VMKUserCopyJSON(answer.user);
-    CHECK(json != NULL && strstr(json, "\"tags\":[\"early adopter\"]") != NULL);
-    VMKStringRelease(json);
     AWAIT(VMKUserProviderGetUserFields(users, onFields, &answer, &error));
     const VMKUserField* plan = answer.fields[0];
     CHECK(answer.fieldCount == 2 && answer.error == NULL && same(VMKUserFieldGetKey(plan), "plan") &&
@@ -191,8 +177,8 @@ int main(int argc, char** argv) {
           !VMKHelpCenterUtilCanAuthenticateRequest(article, "{\"authorization\": \"Basic eDp5\"}"));
     char* headers =
         VMKHelpCenterUtilCopyCanonicalRequestHeadersJSON(article, "{\"Accept\": \"text/html\"}", &error);
-    CHECK(headers != NULL && strstr(headers, "\"Accept\":\"text/html\"") != NULL &&
-          strstr(headers, "\"Authorization\":\"Bearer ") != NULL);
+    CHECK(headers != NULL &&
+          strstr(headers, "{\"Accept\":\"text/html\",\"Authorization\":\"Bearer ") != NULL);
     VMKStringRelease(headers);
     AWAIT(VMKHelpCenterUtilLoadURL(article, onPage, &answer, &error));
     CHECK(answer.status == 200 && strstr(answer.page, "<h1>Getting started</h1>") != NULL);
@@ -210,7 +196,7 @@ int main(int argc, char** argv) {
     AWAIT(VMKPushProviderRegisterWithDeviceIdentifier(pushes, "device-1", "en-GB", onPush, &answer, &error));
     CHECK(answer.calls == 1 && answer.error == NULL && same(answer.identifier, "device-1"));
     CHECK(VMKPushProviderUnregisterForPush(pushes, &error));
-    settle();
+    SETTLE();
     CHECK(lines.unregistered == 1 && lines.unregisteredLevel == VMKLogLevelDebug);
 
     AWAIT(VMKSettingsProviderGetCoreSettings(settings, onCore, &answer, &error) &&
@@ -223,7 +209,7 @@ int main(int argc, char** argv) {
     const int blipped = lines.blipped;
     CHECK(VMKBlipsProviderSendUserAction(blips, "1.0", "tapped", "capi", "Session", NULL, "{\"screen\": 2}",
                                          VMKBlipsGroupBehavioural, &error));
-    settle();
+    SETTLE();
     CHECK(lines.blipped == blipped + 1);
 
     /* A JWT user replaces the anonymous one. */
@@ -241,11 +227,9 @@ int main(int argc, char** argv) {
     VMKSettingsProviderRelease(settings);
     VMKBlipsProviderRelease(blips);
     VMKVelmoraRelease(velmora);
-    settle();
+    SETTLE();
     CHECK(VMKDebugLiveHandleCount() == 0);
     VMKCoreLoggerSetCallback(NULL, NULL);
-    if (failures == 0) {
-        printf("session: every step passed\n");
-    }
+    printf("session: %s\n", failures == 0 ? "every step passed" : "failed");
     return failures == 0 ? 0 : 1;
 }

@@ -20,18 +20,14 @@ struct KeepOK : CachedHTTPURLResponseDelegate,
         const platform::CachedURLResponse& proposed) override {
         std::lock_guard lock(mutex);
         offered.push_back(proposed.data.toString());
-        auto kept = proposed;
-        kept.data = Data::fromString("kept:" + proposed.data.toString());
-        return kept;
+        return platform::CachedURLResponse{proposed.response, Data::fromString("kept:" + offered.back()),
+                                           proposed.storagePolicy, proposed.userInfo};
     }
     std::mutex mutex;
     std::vector<std::string> offered;
 };
 
-struct Answer {
-    int status = 0;
-    std::string body;
-};
+using Answer = std::pair<int, std::string>;  // the status and the body
 
 class ResponseCachingTest : public ServerTest {
   protected:
@@ -54,46 +50,41 @@ class ResponseCachingTest : public ServerTest {
 TEST_F(ResponseCachingTest, OnlyWhatTheTransformerReturnsIsKeptAndAFreshAnswerNeverReachesTheServer) {
     const auto delegate = std::make_shared<KeepOK>();
     struct Case {
-        std::string path;
+        std::string path, again;  // `again`: the body of the second answer
         int status;
         std::shared_ptr<CachedHTTPURLResponseDelegate> delegate;
-        std::string again;  // the body of the second answer
     };
-    for (const auto& c : {Case{"/ok", 200, delegate, "kept:page"}, Case{"/missing", 404, delegate, "page"},
-                          Case{"/api/mobile/user_fields.json", 200, nullptr, "page"}}) {
+    for (const auto& c : {Case{"/ok", "kept:page", 200, delegate}, Case{"/missing", "page", 404, delegate},
+                          Case{"/api/mobile/user_fields.json", "page", 200, nullptr}}) {
         SCOPED_TRACE(c.path);
         server.script("GET", c.path,
                       {.status = c.status,
                        .body = "page",
                        .headers = {{"Cache-Control", "public, max-age=600"}, {"ETag", "\"1\""}},
                        .times = std::nullopt});
-        EXPECT_EQ(load(c.path, c.delegate).body, "page");
-        const auto again = load(c.path, c.delegate);
-        EXPECT_EQ(again.status, c.status);
-        EXPECT_EQ(again.body, c.again);
+        EXPECT_EQ(load(c.path, c.delegate), Answer(c.status, "page"));
+        EXPECT_EQ(load(c.path, c.delegate), Answer(c.status, c.again));
         EXPECT_EQ(server.requests("GET", c.path).size(), c.again == "page" ? 2u : 1u);
     }
     EXPECT_EQ(delegate->offered, std::vector<std::string>{"page"}) << "offered once, whole";
     // One user's answers never stand for another's: not under another token, not after an identity change.
-    EXPECT_EQ(load("/ok", delegate, HttpMethod::get, {{"Authorization", "Bearer a"}}).body, "page");
-    EXPECT_EQ(load("/ok", delegate, HttpMethod::get, {{"Authorization", "Bearer a"}}).body, "kept:page");
-    EXPECT_EQ(load("/ok", delegate, HttpMethod::get, {{"Authorization", "Bearer b"}}).body, "page");
+    EXPECT_EQ(load("/ok", delegate, HttpMethod::get, {{"Authorization", "Bearer a"}}).second, "page");
+    EXPECT_EQ(load("/ok", delegate, HttpMethod::get, {{"Authorization", "Bearer a"}}).second, "kept:page");
+    EXPECT_EQ(load("/ok", delegate, HttpMethod::get, {{"Authorization", "Bearer b"}}).second, "page");
     NetworkClient::defaultClient().removeCachedResponses();
-    EXPECT_EQ(load("/ok", delegate).body, "page");
+    EXPECT_EQ(load("/ok", delegate).second, "page");
     EXPECT_EQ(server.requests("GET", "/ok").size(), 4u);
     // A successful change to the resource makes the kept answer useless.
     server.script("POST", "/ok", {.status = 201});
     load("/ok", delegate, HttpMethod::post);
-    EXPECT_EQ(load("/ok", delegate).body, "page");
+    EXPECT_EQ(load("/ok", delegate).second, "page");
     EXPECT_EQ(server.requests("GET", "/ok").size(), 5u);
 }
 
 TEST_F(ResponseCachingTest, AStaleAnswerIsRevalidatedAndA304BringsBackTheKeptOne) {
     const auto delegate = std::make_shared<KeepOK>();
     struct Case {
-        std::string validator;
-        std::string value;
-        std::string condition;
+        std::string validator, value, condition;
     };
     for (const auto& c : {Case{"ETag", "\"v1\"", "If-None-Match"},
                           Case{"Last-Modified", "Tue, 15 Nov 1994 12:45:26 GMT", "If-Modified-Since"}}) {
@@ -104,18 +95,16 @@ TEST_F(ResponseCachingTest, AStaleAnswerIsRevalidatedAndA304BringsBackTheKeptOne
                        .body = "v1",
                        .headers = {{"Cache-Control", "no-cache"}, {c.validator, c.value}}});
         server.script("GET", path, {.status = 304, .headers = {{"Cache-Control", "max-age=600"}}});
-        EXPECT_EQ(load(path, delegate).body, "v1");
-        const auto revalidated = load(path, delegate);
-        EXPECT_EQ(revalidated.status, 200);
-        EXPECT_EQ(revalidated.body, "kept:v1");
-        EXPECT_EQ(load(path, delegate).body, "kept:v1") << "the 304 made it fresh";
+        EXPECT_EQ(load(path, delegate), Answer(200, "v1"));
+        EXPECT_EQ(load(path, delegate), Answer(200, "kept:v1")) << "revalidated";
+        EXPECT_EQ(load(path, delegate), Answer(200, "kept:v1")) << "the 304 made it fresh";
         const auto seen = server.requests("GET", path);
         ASSERT_EQ(seen.size(), 2u);
         EXPECT_EQ(seen[0].header(c.condition), std::nullopt);
         EXPECT_EQ(seen[1].header(c.condition), c.value);
         // Preconditions of the caller's own are the caller's: the server's 304 comes back as it is.
         server.script("GET", path, {.status = 304});
-        EXPECT_EQ(load(path, delegate, HttpMethod::get, {{c.condition, c.value}}).status, 304);
+        EXPECT_EQ(load(path, delegate, HttpMethod::get, {{c.condition, c.value}}).first, 304);
     }
 }
 

@@ -1,6 +1,9 @@
 #include "velmora/push/PushRegistrationProvider.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 #include "tests/support/ServerTest.h"
 #include "velmora/storage/SessionStore.h"
@@ -42,18 +45,16 @@ TEST_F(PushRegistrationTest, RegisteringTheSameIdentifierTwiceMakesOneRequestAnd
     EXPECT_TRUE(server.waitForEvents("PushOn", 2));
 
     EXPECT_EQ(registerDevice("channel-1", true).value().identifier, "channel-1");
-    EXPECT_NE(server.requests("POST", devices)
-                  .at(1)
-                  .body.find(R"("locale":"en-gb","token_type":"urban_airship_channel_id","sdk_guid":)"),
-              std::string::npos);
+    EXPECT_THAT(
+        server.requests("POST", devices).at(1).body,
+        ::testing::HasSubstr(R"("locale":"en-gb","token_type":"urban_airship_channel_id","sdk_guid":)"));
 }
 
 TEST_F(PushRegistrationTest, TheStoredIdentifierChangesOnlyWhenTheAccountHasTakenTheChange) {
     provider().unregisterForPush();
     ASSERT_TRUE(registerDevice("old").isSuccess());  // a stray unregistration would have been sent by now
-    for (const auto& request : server.requests()) {
-        EXPECT_NE(request.method, "DELETE") << "no stored identifier: nothing to unregister";
-    }
+    EXPECT_TRUE(std::ranges::none_of(server.requests(), [](const auto& r) { return r.method == "DELETE"; }))
+        << "no stored identifier: nothing to unregister";
     server.script("POST", devices, {.status = 404, .body = R"({"error": "NotFound"})"});
     EXPECT_EQ(registerDevice("new").error().localizedDescription(), "not found");  // the rest: C session
     EXPECT_EQ(storedIdentifier(), "old");

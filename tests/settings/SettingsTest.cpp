@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <limits>
 #include <thread>
 
 #include "tests/support/ServerTest.h"
@@ -47,21 +46,17 @@ TEST_F(SettingsTest, FreshnessIsStrictOnBothEndsAndAFutureStampIsStale) {
 
 TEST_F(SettingsTest, BadDocumentsAndFailedCallsGiveTheDefaults) {
     // Each fails the strict read as a whole: an unknown authentication, brand ids past the signed 64 bits.
-    json unknownAuthentication = AccountServer::defaultSettings();
-    unknownAuthentication["core"]["authentication"] = "saml";
-    unknownAuthentication.erase("blips");
-    json largest = AccountServer::defaultSettings(), past = largest;
-    largest["core"]["brand_id"] = std::numeric_limits<std::uint64_t>::max();
-    past["core"]["brand_id"] = std::uint64_t{1} << 63;
-    for (const auto& document : {unknownAuthentication, largest, past}) {
-        server.setSettings(document);
-        EXPECT_EQ(fetch<CoreSettings>(), CoreSettings::defaultValue()) << document["core"].dump();
+    for (const char* patch : {R"([{"op": "add", "path": "/core/authentication", "value": "saml"},
+                                  {"op": "remove", "path": "/blips"}])",
+                              R"([{"op": "add", "path": "/core/brand_id", "value": 18446744073709551615}])",
+                              R"([{"op": "add", "path": "/core/brand_id", "value": 9223372036854775808}])"}) {
+        server.setSettings(AccountServer::defaultSettings().patch(json::parse(patch)));
+        EXPECT_EQ(fetch<CoreSettings>(), CoreSettings::defaultValue()) << patch;
         EXPECT_FALSE(SettingsStore("app").settings().has_value()) << "undecodable answers are not stored";
     }
 
-    json noBlips = AccountServer::defaultSettings();
-    noBlips.erase("blips");
-    server.setSettings(noBlips);
+    server.setSettings(
+        AccountServer::defaultSettings().patch(json::parse(R"([{"op": "remove", "path": "/blips"}])")));
     EXPECT_EQ(fetch<CoreSettings>().brandId, 1);
     EXPECT_EQ(fetch<BlipsSettings>(), BlipsSettings::defaultValue());
 
@@ -71,62 +66,52 @@ TEST_F(SettingsTest, BadDocumentsAndFailedCallsGiveTheDefaults) {
 }
 
 TEST_F(SettingsTest, TheInterceptorFetchesOnlyWhileNoneAreStoredAndLeavesTheRequestAlone) {
-    const IntervalValidator validator{3600, Date::now()};
-    const auto interceptor = [&] {
-        return SettingsRequestInterceptor(SettingsStore("app"), std::make_shared<SettingsProvider>(details),
-                                          validator);
-    };
     const auto request = Result<platform::URLRequest>::success(
         platform::URLRequest(*platform::URL::fromString(server.url() + "/x")));
-
-    const auto intercepted = [&](bool fetches) {
-        EXPECT_EQ(interceptor().needToFetchSettings(), fetches);
-        return interceptor().intercept(request, platform::DispatchGroup());
-    };
-    EXPECT_TRUE(intercepted(true).value().allHTTPHeaderFields.empty());
-    EXPECT_EQ(settingsCalls(), 1u);
-    EXPECT_FALSE(
-        logs->linesStartingWith("[VERBOSE]: Settings interceptor retrived settings: CoreSettings(brandId: 1")
-            .empty());
-
-    std::this_thread::sleep_for(5ms);  // fresh: asked again (the inverted rule), answered from the store
-    (void)intercepted(true);
-    EXPECT_EQ(settingsCalls(), 1u);
-
-    storeSettings(AccountServer::defaultSettings(), Date::now().addingTimeInterval(-7200));
-    (void)intercepted(false);  // stale: not asked at all
-    EXPECT_EQ(settingsCalls(), 1u);
+    // None stored: fetched. Fresh: asked again (the inverted rule), answered from the store. Stale: not
+    // asked.
+    for (const bool stale : {false, false, true}) {
+        SCOPED_TRACE(stale);
+        if (stale) {
+            storeSettings(AccountServer::defaultSettings(), Date::now().addingTimeInterval(-7200));
+        }
+        std::this_thread::sleep_for(5ms);  // past the stamp of what the last step stored
+        SettingsRequestInterceptor interceptor(
+            SettingsStore("app"), std::make_shared<SettingsProvider>(details), {3600, Date::now()});
+        EXPECT_EQ(interceptor.needToFetchSettings(), !stale);
+        EXPECT_TRUE(interceptor.intercept(request, {}).value().allHTTPHeaderFields.empty());
+        EXPECT_EQ(settingsCalls(), 1u);
+        EXPECT_FALSE(logs->linesStartingWith(
+                             "[VERBOSE]: Settings interceptor retrived settings: CoreSettings(brandId: 1")
+                         .empty());
+    }
 }
 
 TEST_F(SettingsTest, TheDefaultChainFetchesSettingsLogsInAndAuthorisesInThatOrder) {
     identity->store(Identity::createAnonymous("Ann", std::nullopt));
     const auto url = resourceURL(details->accountUrl(), "/api/mobile/users/me.json").value();
-    const auto get = [&] {
-        return await<int>([&](auto callback) {
-            makeProviderService(details, url, true, HttpMethod::get, {}, std::nullopt,
-                                platform::DispatchQueue("com.velmora.tests.callbacks"))
-                .perform([callback](const auto&, const auto& response, const auto&) {
-                    callback(response ? response->statusCode() : 0);
-                });
-        });
-    };
-    EXPECT_EQ(get(), 200);
-    const auto sent = server.requests();
-    std::vector<std::string> paths;
-    for (const auto& r : sent) {
-        paths.push_back(r.method + " " + r.path());
+    for (int i = 0; i < 2; ++i) {
+        std::this_thread::sleep_for(5ms);  // the second time, past the stamp of the settings stored the first
+        EXPECT_EQ(await<int>([&](auto callback) {
+                      makeProviderService(details, url, true, HttpMethod::get, {}, std::nullopt,
+                                          platform::DispatchQueue("com.velmora.tests.callbacks"))
+                          .perform([callback](const auto&, const auto& response, const auto&) {
+                              callback(response ? response->statusCode() : 0);
+                          });
+                  }),
+                  200);
     }
-    EXPECT_EQ(paths,
-              (std::vector<std::string>{"GET /api/private/mobile_sdk/settings/app.json",
-                                        "POST /access/sdk/anonymous", "GET /api/mobile/users/me.json"}));
-    EXPECT_EQ(sent[0].header("Client-Identifier"), std::nullopt) << "the settings call passes no interceptor";
-    EXPECT_EQ(sent.back().header("Client-Identifier"), "client");
-    EXPECT_EQ(sent.back().header("Authorization"), "Bearer " + *identity->oauthToken());
+    // Each request's method, path, client identifier and authorisation: the settings call passes no
+    // interceptor; with settings stored and a token held, only the request goes out the second time.
+    std::vector<std::string> sent;
+    for (const auto& r : server.requests()) {
+        sent.push_back(r.method + " " + r.path() + " " + r.header("Client-Identifier").value_or("-") + " " +
+                       r.header("Authorization").value_or("-"));
+    }
+    const auto me = "GET /api/mobile/users/me.json client Bearer " + identity->oauthToken().value_or("?");
+    EXPECT_EQ(sent, (std::vector<std::string>{"GET /api/private/mobile_sdk/settings/app.json - -",
+                                              "POST /access/sdk/anonymous client -", me, me}));
     EXPECT_EQ(identity->userId(), 1000) << "the login stores the user id it was given";
-
-    std::this_thread::sleep_for(5ms);  // past the settings stamp
-    EXPECT_EQ(get(), 200);
-    EXPECT_EQ(server.requests().size(), 4u) << "settings stored and a token held: only the request goes out";
 }
 
 }  // namespace

@@ -14,29 +14,30 @@ import velmora
 
 
 class Server:
-    def __init__(self, url):
-        self.url = url
-        self._opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+    """The mock's admin calls: answer() scripts the next matching request's answer; state() reads it all."""
 
-    def _call(self, method, path, body=None):
-        data = None if body is None else json.dumps(body).encode()
-        request = urllib.request.Request(self.url + path, data=data, method=method)
-        with self._opener.open(request, timeout=10) as response:
-            return json.loads(response.read() or b"null")
+    def __init__(self, url):
+        self.url, self._opener = url, urllib.request.build_opener(urllib.request.ProxyHandler({}))
+
+    def _call(self, method, path, data=None):
+        request = urllib.request.Request(self.url + path, data, method=method)
+        with self._opener.open(request, timeout=10) as reply:
+            return json.loads(reply.read() or b"null")
 
     def answer(self, answer):
-        """The next matching request gets this answer (the mock's scripted-answer form)."""
-        self._call("POST", "/__mock/answers", answer)
+        self._call("POST", "/__mock/answers", json.dumps(answer).encode())
 
     def state(self):
         return self._call("GET", "/__mock/state")
 
 
 @pytest.fixture(scope="session")
-def server():
+def server(tmp_path_factory):
     mock = os.environ.get("VELMORA_MOCK") or shutil.which("velmora-mock")
     if not mock:
         pytest.skip("no velmora-mock: set VELMORA_MOCK")
+    root = tmp_path_factory.mktemp("velmora")
+    velmora.configure("velmora-python-tests", root / "data", root / "caches")
     process = subprocess.Popen([mock, "--port", "0"], stdout=subprocess.PIPE, text=True)
     try:
         banner = process.stdout.readline()
@@ -47,17 +48,11 @@ def server():
         process.wait(10)
 
 
-@pytest.fixture(scope="session")
-def configured(tmp_path_factory):
-    root = tmp_path_factory.mktemp("velmora")
-    velmora.configure("velmora-python-tests", root / "data", root / "caches")
-
-
 _accounts = itertools.count(1)
 
 
 @pytest.fixture
-def sdk(server, configured):
+def sdk(server):
     """The library for an account of the test's own: switching accounts wipes what the last test stored."""
     yield velmora.Velmora.initialize(f"python-app-{next(_accounts)}", "python-client", server.url)
     assert velmora.wait_for_pending_requests(10)

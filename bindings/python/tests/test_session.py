@@ -59,11 +59,10 @@ def test_failures_are_velmora_errors(sdk, server):
     assert sdk.identity == velmora.Jwt("jwt-of-bob")
     server.answer({"method": "POST", "path": "/api/mobile/push_notification_devices.json", "status": 500,
                    "body": {"error": "down"}, "times": 1})
-    with pytest.raises(velmora.VelmoraError) as server_error:
+    with pytest.raises(velmora.VelmoraError) as failed:
         sdk.push.register("device-2", "en").result(10)
-    assert (server_error.value.domain, server_error.value.code) == (errors.CORE_DOMAIN,
-                                                                    errors.PUSH_REGISTRATION_FAILED)
-    assert server_error.value.user_info[errors.HTTP_STATUS_CODE_KEY] == 500
+    assert (failed.value.domain, failed.value.code, failed.value.user_info[errors.HTTP_STATUS_CODE_KEY]) == (
+        errors.CORE_DOMAIN, errors.PUSH_REGISTRATION_FAILED, 500)
 
     with pytest.raises(velmora.VelmoraError) as refused:
         velmora.Velmora.initialize("app", "client", "ftp://example.com")
@@ -87,10 +86,9 @@ def test_callbacks_and_log_lines_arrive_on_a_library_thread(sdk):
     finally:
         velmora.logger.enabled = False
         velmora.logger.set_callback(None)
-    [(name, error, thread)] = answers
-    assert (name, error) == ("Cy", None) and thread is not threading.main_thread()
-    assert lines and all(isinstance(level, velmora.LogLevel) and thread is not threading.main_thread()
-                         for level, thread in lines)
+    main = threading.main_thread()
+    assert [(name, error, thread is main) for name, error, thread in answers] == [("Cy", None, False)]
+    assert lines and {(type(level), thread is main) for level, thread in lines} == {(velmora.LogLevel, False)}
 
 
 def test_a_thousand_calls_leave_no_handle_behind(sdk):
