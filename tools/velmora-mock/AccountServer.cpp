@@ -15,6 +15,7 @@
 
 #include "velmora/platform/Base64.h"
 #include "velmora/platform/Json.h"
+#include "velmora/support/JsonReading.h"
 
 namespace velmora::mock {
 namespace {
@@ -89,11 +90,8 @@ std::int64_t integerField(const json& item, const char* key, std::int64_t minimu
     if (it == item.end() || it->is_null()) {
         return fallback;
     }
-    // An unsigned value past the signed range would wrap when read as signed.
     const bool inRange =
-        it->is_number_integer() &&
-        !(it->is_number_unsigned() && it->get<std::uint64_t>() > static_cast<std::uint64_t>(maximum)) &&
-        it->get<std::int64_t>() >= minimum && it->get<std::int64_t>() <= maximum;
+        isInt64(*it) && it->get<std::int64_t>() >= minimum && it->get<std::int64_t>() <= maximum;
     if (!inRange) {
         throw std::invalid_argument(inQuotes(key) + " must be an integer from " + std::to_string(minimum) +
                                     " to " + std::to_string(maximum));

@@ -5,17 +5,9 @@
 
 #include "velmora/platform/DeviceFacts.h"
 #include "velmora/platform/Format.h"
+#include "velmora/platform/HTTPText.h"
 
 namespace velmora {
-namespace {
-
-std::string lowerCased(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
-}  // namespace
 
 std::string_view rawValue(HttpMethod method) {
     switch (method) {
@@ -46,7 +38,7 @@ std::string SharedHeaders::userAgentHeader(std::string_view sdkVersion, std::str
 }
 
 std::string SharedHeaders::clientHeader(std::string_view variant) {
-    return lowerCased(
+    return platform::lowercased(
         platform::format("mobile/%@/sdk/%@", platform::DeviceFacts::current()->systemName(), variant));
 }
 
@@ -64,7 +56,7 @@ std::map<std::string, std::string> acceptLanguageHeader() {
     if (languages.empty()) {
         return {};
     }
-    return {{"Accept-Language", lowerCased(languages.front())}};
+    return {{"Accept-Language", platform::lowercased(languages.front())}};
 }
 
 }  // namespace velmora

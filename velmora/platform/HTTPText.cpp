@@ -1,5 +1,7 @@
 #include "velmora/platform/HTTPText.h"
 
+#include <cctype>
+
 #include <algorithm>
 
 #include <nlohmann/json.hpp>
@@ -8,6 +10,22 @@
 #include "velmora/platform/URLSession.h"
 
 namespace velmora::platform {
+
+std::string_view trimmedField(std::string_view text) {
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
+        text.remove_prefix(1);
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
+        text.remove_suffix(1);
+    return text;
+}
+
+std::string lowercased(std::string_view text) {
+    std::string result(text);
+    for (auto& c : result) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return result;
+}
 
 bool isHeaderName(std::string_view name) {
     static constexpr std::string_view punctuation = "!#$%&'*+-.^_`|~";

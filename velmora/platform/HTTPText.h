@@ -7,6 +7,11 @@
 
 namespace velmora::platform {
 
+// A header's text without the spaces and tabs around it.
+std::string_view trimmedField(std::string_view text);
+// ASCII letters in lower case, as header names and directives compare.
+std::string lowercased(std::string_view text);
+
 // What may stand in a header field: a name is a token; a value holds no CR, LF or NUL, which would end the
 // field early and let the rest be read as another header or another request.
 bool isHeaderName(std::string_view name);

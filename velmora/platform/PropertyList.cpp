@@ -320,6 +320,15 @@ class BinaryPropertyListReader {
 
 }  // namespace
 
+void setOrRemove(PropertyValue::Dictionary& dictionary, const std::string& key,
+                 const std::optional<PropertyValue>& value) {
+    if (value) {
+        dictionary.insert_or_assign(key, *value);
+    } else {
+        dictionary.erase(key);
+    }
+}
+
 std::string textOf(const PropertyValue& value) {
     if (const auto* s = value.getIf<std::string>()) {
         return *s;

@@ -57,6 +57,10 @@ class PropertyValue {
     std::variant<std::string, Data, Date, std::int64_t, double, bool, Array, Dictionary, PropertyUid> value_;
 };
 
+// Sets the value under the key, or removes the key when there is no value.
+void setOrRemove(PropertyValue::Dictionary& dictionary, const std::string& key,
+                 const std::optional<PropertyValue>& value);
+
 // The text a log line shows for a value: strings as they are, "N bytes" for data, numbers, dates in UTC,
 // and collections in brackets.
 std::string textOf(const PropertyValue& value);

@@ -16,6 +16,7 @@
 
 #include "velmora/platform/FileManager.h"
 #include "velmora/platform/Format.h"
+#include "velmora/platform/HTTPText.h"
 #include "velmora/platform/Json.h"
 #include "velmora/platform/SystemLog.h"
 
@@ -31,22 +32,6 @@ std::int64_t secondsNow() {
         .count();
 }
 
-std::string lowered(std::string_view text) {
-    std::string result(text);
-    for (auto& c : result) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
-    return result;
-}
-
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
-        text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
-        text.remove_suffix(1);
-    return text;
-}
-
 // The comma-separated members of a header, trimmed; commas inside quoted strings do not separate.
 std::vector<std::string_view> members(std::string_view text) {
     std::vector<std::string_view> result;
@@ -56,7 +41,7 @@ std::vector<std::string_view> members(std::string_view text) {
         if (i < text.size() && text[i] == '"') {
             quoted = !quoted;
         } else if (i == text.size() || (text[i] == ',' && !quoted)) {
-            if (const auto member = trimmed(text.substr(start, i - start)); !member.empty()) {
+            if (const auto member = trimmedField(text.substr(start, i - start)); !member.empty()) {
                 result.push_back(member);
             }
             start = i + 1;
@@ -72,11 +57,11 @@ std::map<std::string, std::string> directives(const std::optional<std::string>& 
     for (const auto member : members(text)) {
         const auto equals = member.find('=');
         auto argument =
-            equals == std::string_view::npos ? std::string_view() : trimmed(member.substr(equals + 1));
+            equals == std::string_view::npos ? std::string_view() : trimmedField(member.substr(equals + 1));
         if (argument.size() >= 2 && argument.front() == '"' && argument.back() == '"') {
             argument = argument.substr(1, argument.size() - 2);
         }
-        result.emplace(lowered(trimmed(member.substr(0, equals))), std::string(argument));
+        result.emplace(lowercased(trimmedField(member.substr(0, equals))), std::string(argument));
     }
     return result;
 }
@@ -118,7 +103,7 @@ std::vector<std::string> varyNames(const HTTPURLResponse& response) {
     std::vector<std::string> names;
     const std::string text = response.value("Vary").value_or("");
     for (const auto member : members(text)) {
-        names.push_back(lowered(member));
+        names.push_back(lowercased(member));
     }
     return names;
 }
@@ -144,7 +129,7 @@ bool isFresh(const HTTPURLResponse& response, std::int64_t storedAt, const URLRe
     const auto asked = directives(request.value("Cache-Control"));
     const bool pragmaNoCache =
         !request.value("Cache-Control") &&
-        lowered(request.value("Pragma").value_or("")).find("no-cache") != std::string::npos;
+        lowercased(request.value("Pragma").value_or("")).find("no-cache") != std::string::npos;
     if (answer.count("no-cache") > 0 || asked.count("no-cache") > 0 || pragmaNoCache) {
         return false;
     }
@@ -158,8 +143,9 @@ bool isFresh(const HTTPURLResponse& response, std::int64_t storedAt, const URLRe
     } else if (const auto modified = httpDate(response.value("Last-Modified"))) {
         lifetime = std::min((date - *modified) / 10, heuristicCeiling);
     }
-    const auto initialAge = std::max(std::max<std::int64_t>(0, storedAt - date),
-                                     deltaSeconds(trimmed(response.value("Age").value_or(""))).value_or(0));
+    const auto initialAge =
+        std::max(std::max<std::int64_t>(0, storedAt - date),
+                 deltaSeconds(trimmedField(response.value("Age").value_or(""))).value_or(0));
     const auto age = initialAge + std::max<std::int64_t>(0, secondsNow() - storedAt);
     if (const auto limit = asked.find("max-age"); limit != asked.end()) {
         if (age >= deltaSeconds(limit->second).value_or(0)) {
@@ -317,7 +303,7 @@ namespace {
 // so one user's answers never stand for another's; they are kept as digests, never as the token itself.
 std::optional<std::string> variedValue(const URLRequest& request, std::string_view name) {
     auto value = request.value(name);
-    if (value && (lowered(name) == "authorization" || lowered(name) == "client-identifier")) {
+    if (value && (lowercased(name) == "authorization" || lowercased(name) == "client-identifier")) {
         char digest[17];
         std::snprintf(digest, sizeof digest, "%016zx", std::hash<std::string>{}(*value));
         return "digest:" + std::string(digest);
@@ -339,7 +325,7 @@ void URLCache::storeCachedResponse(const CachedURLResponse& response, const URLR
     names.insert(names.end(), std::begin(credentialNames), std::end(credentialNames));
     for (const auto& name : names) {
         const auto value = variedValue(request, name);
-        varying[lowered(name)] = value ? nlohmann::json(*value) : nlohmann::json(nullptr);
+        varying[lowercased(name)] = value ? nlohmann::json(*value) : nlohmann::json(nullptr);
     }
     Entry entry{*key, response, sizeOf(response), secondsNow(), std::move(varying)};
     std::lock_guard lock(mutex_);

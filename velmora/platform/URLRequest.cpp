@@ -3,18 +3,13 @@
 #include <algorithm>
 #include <cctype>
 
+#include "velmora/platform/HTTPText.h"
+
 namespace velmora::platform {
 namespace {
 
 char lower(char c) {
     return static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-}
-
-std::string trim(std::string_view text) {
-    const auto first = text.find_first_not_of(" \t");
-    const auto last = text.find_last_not_of(" \t");
-    return first == std::string_view::npos ? std::string()
-                                           : std::string(text.substr(first, last - first + 1));
 }
 
 }  // namespace
@@ -35,16 +30,14 @@ HTTPURLResponse::HTTPURLResponse(URL responseUrl, int status, HTTPHeaderFields h
     if (!type) {
         return;
     }
-    std::string media = trim(std::string_view(*type).substr(0, type->find(';')));
-    std::transform(media.begin(), media.end(), media.begin(), lower);
+    const std::string media = lowercased(trimmedField(std::string_view(*type).substr(0, type->find(';'))));
     if (!media.empty()) {
         mimeType_ = media;
     }
     std::string rest = type->find(';') == std::string::npos ? std::string() : type->substr(type->find(';'));
-    std::string folded = rest;
-    std::transform(folded.begin(), folded.end(), folded.begin(), lower);
+    const std::string folded = lowercased(rest);
     if (const auto at = folded.find("charset="); at != std::string::npos) {
-        std::string charset = trim(std::string_view(rest).substr(at + 8, rest.find(';', at) - at - 8));
+        std::string charset(trimmedField(std::string_view(rest).substr(at + 8, rest.find(';', at) - at - 8)));
         charset.erase(std::remove(charset.begin(), charset.end(), '"'), charset.end());
         if (!charset.empty()) {
             textEncodingName_ = charset;

@@ -38,15 +38,6 @@ struct StagedChanges {
 
 using Values = std::map<std::string, PropertyValue, std::less<>>;
 
-// Sets the value under the key, or removes the key when there is no value.
-void setOrRemove(Values& values, const std::string& key, const std::optional<PropertyValue>& value) {
-    if (value) {
-        values.insert_or_assign(key, *value);
-    } else {
-        values.erase(key);
-    }
-}
-
 // The transaction this thread runs, if any: the user defaults it touches go through its changes.
 struct ActiveTransaction {
     const DefaultsDatabase* database = nullptr;

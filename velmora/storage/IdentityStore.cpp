@@ -81,11 +81,8 @@ bool IdentityStore::storeIdentityOnly(const Identity& identity) const {
 
 void IdentityStore::storeGuid(const std::optional<std::string>& guid) const {
     (void)change([&](PropertyValue::Dictionary& dictionary) {
-        if (guid) {
-            dictionary.insert_or_assign(std::string(guidKey), *guid);
-        } else {
-            dictionary.erase(std::string(guidKey));
-        }
+        platform::setOrRemove(dictionary, std::string(guidKey),
+                              guid ? std::optional<PropertyValue>(*guid) : std::nullopt);
     });
 }
 

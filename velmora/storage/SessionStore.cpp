@@ -15,11 +15,7 @@ bool SessionStore::store(const std::optional<PropertyValue>& value, std::string_
     CoreLogger::debug(
         format("storing %@ with key %@ in session store with app id: %@.", value, key, appId()));
     const bool stored = change([&](PropertyValue::Dictionary& dictionary) {
-        if (value) {
-            dictionary.insert_or_assign(std::string(key), *value);
-        } else {
-            dictionary.erase(std::string(key));
-        }
+        platform::setOrRemove(dictionary, std::string(key), value);
     });
     CoreLogger::debug(stored ? format("successfully stored %@ in session store.", key)
                              : format("failed to store %@ in session store.", key));

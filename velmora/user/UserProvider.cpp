@@ -1,6 +1,7 @@
 #include "velmora/user/UserProvider.h"
 
 #include <algorithm>
+#include <functional>
 
 #include "velmora/Errors.h"
 #include "velmora/platform/Json.h"
@@ -46,10 +47,10 @@ struct Strict {
         return &*it;
     }
     // The member as T when `isKind` holds for it; a type mismatch naming `kind` otherwise.
-    template <class T>
-    void typed(const char* key, T& out, bool (json::*isKind)() const noexcept, const char* kind) {
+    template <class T, class IsKind>
+    void typed(const char* key, T& out, IsKind&& isKind, const char* kind) {
         if (const auto* value = member(key)) {
-            if ((value->*isKind)()) {
+            if (std::invoke(isKind, *value)) {
                 out = value->get<T>();
             } else {
                 error =
@@ -58,13 +59,7 @@ struct Strict {
         }
     }
     void text(const char* key, std::string& out) { typed(key, out, &json::is_string, "a string"); }
-    void integer(const char* key, std::int64_t& out) {
-        if (const auto* value = member(key); value && isInt64(*value)) {
-            out = value->get<std::int64_t>();
-        } else if (value) {
-            error = DecodingError::typeMismatch(std::string("Expected an integer for \"") + key + "\".");
-        }
-    }
+    void integer(const char* key, std::int64_t& out) { typed(key, out, isInt64, "an integer"); }
     void integerText(const char* key, std::string& out) {
         std::int64_t number = 0;
         integer(key, number);
