@@ -55,6 +55,7 @@ class VelmoraTest : public ServerTest {
         return first != lines.end() && std::find(first, lines.end(), later) != lines.end();
     }
     static bool drain() { return Velmora::waitForPendingRequests(10s); }
+    static std::optional<std::string> pushToken() { return SessionStore("app").pushToken(); }
 };
 
 TEST_F(VelmoraTest, AFirstLaunchWithAnotherAccountStoredWipesRecordsAndSendsNothing) {
@@ -66,17 +67,15 @@ TEST_F(VelmoraTest, AFirstLaunchWithAnotherAccountStoredWipesRecordsAndSendsNoth
     ASSERT_TRUE(drain());
     EXPECT_TRUE(server.requests().empty()) << "a cold start cannot unregister and has no settings for events";
     EXPECT_TRUE(loggedInOrder(coldNotice, wiping)) << "the notice comes before the wipe";
-    EXPECT_EQ(SessionStore("app").pushToken(), std::nullopt);
-    EXPECT_EQ(identity->identity(), std::nullopt);
+    EXPECT_EQ(std::tuple(pushToken(), identity->identity()), std::tuple(std::nullopt, std::nullopt));
 }
 
 TEST_F(VelmoraTest, ARelaunchKeepsTheAccountsStateSendsOneInitEventAndARepeatChangesNothing) {
     storePreviousLaunch("app");
     logs->clear();
     const auto first = start();
-    EXPECT_FALSE(logs->contains(coldNotice));
-    EXPECT_EQ(first->identity(), Identity::createAnonymous("Ann", "ann@example.com"));
-    EXPECT_EQ(SessionStore("app").pushToken(), "old-device");
+    EXPECT_EQ(std::tuple(logs->contains(coldNotice), first->identity(), pushToken()),
+              std::tuple(false, Identity::createAnonymous("Ann", "ann@example.com"), "old-device"));
     Velmora::initialize("app", "another-client", server.url());
     EXPECT_EQ(Velmora::instance(), first);
     ASSERT_TRUE(drain());
@@ -102,11 +101,9 @@ TEST_F(VelmoraTest,
     const auto deleted = server.requests("DELETE", device1);
     ASSERT_EQ(deleted.size(), 1u);
     EXPECT_EQ(deleted[0].header("Authorization"), "Bearer token-1") << "the old user's token";
-    EXPECT_TRUE(server.requests("POST", "/access/sdk/anonymous").empty());
-    EXPECT_TRUE(other.requests().empty());
-    EXPECT_TRUE(loggedInOrder(unregistering, wiping));
-    EXPECT_FALSE(logs->contains(coldNotice));
-    EXPECT_EQ(SessionStore("app").pushToken(), std::nullopt);
+    EXPECT_EQ(std::tuple(server.requests("POST", "/access/sdk/anonymous").empty(), other.requests().empty(),
+                         loggedInOrder(unregistering, wiping), logs->contains(coldNotice), pushToken()),
+              std::tuple(true, true, true, false, std::nullopt));
     EXPECT_EQ(Velmora::instance()->accountDetails().applicationId(), "app-2");
     // Still usable by whoever holds it, though the wipe took the identities of every app id with it.
     const auto user = await<Result<User>>([&](auto done) { old->providerModule().user().getUser(done); });
@@ -115,9 +112,8 @@ TEST_F(VelmoraTest,
     logs->clear();
     Velmora::initialize("app-3", "client-3", other.url());
     ASSERT_TRUE(drain());
-    EXPECT_TRUE(other.requests().empty());
-    EXPECT_FALSE(logs->contains(unregistering));
-    EXPECT_TRUE(logs->contains(wiping));
+    EXPECT_EQ(std::tuple(other.requests().empty(), logs->contains(unregistering), logs->contains(wiping)),
+              std::tuple(true, false, true));
 }
 
 TEST_F(VelmoraTest, SettingTheSameIdentityKeepsTheSessionAndAnotherOneClearsIt) {
@@ -128,13 +124,11 @@ TEST_F(VelmoraTest, SettingTheSameIdentityKeepsTheSessionAndAnotherOneClearsIt) 
     std::filesystem::create_directories(cache);
     std::ofstream(cache / "page.html") << "cached";
     velmora->setIdentity(Identity::createJwt("jwt-1"));
-    EXPECT_TRUE(identity->oauthToken().has_value());
-    EXPECT_EQ(SessionStore("app").pushToken(), "device-1");
-    EXPECT_TRUE(std::filesystem::exists(cache / "page.html"));
+    EXPECT_EQ(std::tuple(identity->oauthToken(), pushToken(), std::filesystem::exists(cache / "page.html")),
+              std::tuple("token-1", "device-1", true));
     velmora->setIdentity(Identity::createAnonymous("Bo", std::nullopt));
-    EXPECT_EQ(identity->oauthToken(), std::nullopt);
-    EXPECT_EQ(SessionStore("app").pushToken(), std::nullopt);
-    EXPECT_FALSE(std::filesystem::exists(cache));
+    EXPECT_EQ(std::tuple(identity->oauthToken(), pushToken(), std::filesystem::exists(cache)),
+              std::tuple(std::nullopt, std::nullopt, false));
     velmora->setIdentity(Identity::createAnonymous("\xff", std::nullopt));
     EXPECT_EQ(logs->linesStartingWith("[ERROR]: Can't change identity ").size(), 1u);
     EXPECT_EQ(velmora->identity()->anonymous()->name, "Bo") << "an identity that cannot be stored is refused";
@@ -167,10 +161,10 @@ TEST_F(VelmoraTest, TheEarlierGenerationsIdentityIsTakenOverWithoutClearingOrUnr
     std::ofstream(cache / "page.html") << "cached";
     plantLegacyJwt();
     velmora->setIdentity(Identity::createJwt("T"));
-    EXPECT_EQ(std::tuple(identity->oauthToken(), identity->userId(), identity->currentUuid()),
-              std::tuple(std::optional<std::string>("old-token"), std::optional<std::int64_t>(77), uuid));
-    EXPECT_EQ(SessionStore("app").pushToken(), "device-1");
-    EXPECT_TRUE(std::filesystem::exists(cache / "page.html")) << "the session was not cleared";
+    EXPECT_EQ(std::tuple(identity->oauthToken(), identity->userId(), identity->currentUuid(), pushToken(),
+                         std::filesystem::exists(cache / "page.html")),
+              std::tuple("old-token", 77, uuid, "device-1", true))
+        << "the session was not cleared";
     ASSERT_TRUE(drain());
     EXPECT_TRUE(server.requests().empty()) << "no unregistration of device-1, no login";
 }
@@ -208,8 +202,7 @@ TEST_F(VelmoraTest, ReadingTheInstanceBeforeInitializeIsLoggedAndNotifiedEveryTi
         std::string(velmoraNotInitialised), [&](const auto& n) { received.push_back(n.userInfo); });
     const std::string text =
         "Can't use withtout initialization, call Velmora `class initialize(appId:clientId:velmoraUrl:)`";
-    EXPECT_EQ(Velmora::instance(), nullptr);
-    EXPECT_EQ(Velmora::instance(), nullptr);
+    EXPECT_EQ(std::tuple(Velmora::instance(), Velmora::instance()), std::tuple(nullptr, nullptr));
     platform::NotificationCenter::defaultCenter().removeObserver(token);
     EXPECT_EQ(logs->count("[ERROR]: " + text), 2u);
     EXPECT_EQ(received, std::vector<json>(2, json({{"NSLocalizedDescription", text}})));

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <functional>
 #include <thread>
+#include <tuple>
 
 #include "tests/support/ServerTest.h"
 #include "velmora/core/Velmora.h"
@@ -14,15 +15,14 @@ namespace velmora::testing {
 namespace {
 
 using namespace std::chrono_literals;
+using platform::HTTPHeaderFields;
 using platform::URL;
 using platform::URLConnection;
 using platform::URLProtocol;
 using platform::URLRequest;
 
-struct Loaded {
-    int status = 0;
-    std::string body;
-};
+using Loaded = std::pair<int, std::string>;  // the status and the body
+using Text = std::optional<std::string>;
 
 // Loads through the URL loading system, as a host's web view would.
 Loaded load(URLRequest request) {
@@ -43,8 +43,7 @@ bool eventually(const std::function<bool()>& condition) {
 }
 
 // Answers requests to canned.invalid itself, through the canonical form of the request; "/hang" never.
-class Canned : public URLProtocol {
-  public:
+struct Canned : URLProtocol {
     using URLProtocol::URLProtocol;
     static bool canInit(const URLRequest& request) { return request.url.host() == "canned.invalid"; }
     static URLRequest canonicalRequest(const URLRequest& request) { return withForm(request, "canned"); }
@@ -58,7 +57,7 @@ class Canned : public URLProtocol {
             return;
         }
         const auto response =
-            std::make_shared<platform::HTTPURLResponse>(request().url, 203, platform::HTTPHeaderFields{});
+            std::make_shared<platform::HTTPURLResponse>(request().url, 203, HTTPHeaderFields{});
         client()->didReceiveResponse(*this, response, platform::URLCacheStoragePolicy::allowed);
         client()->didLoadData(*this, Data::fromString(request().value("X-Form").value_or("")));
         client()->didFinishLoading(*this);
@@ -68,59 +67,47 @@ class Canned : public URLProtocol {
 };
 
 // Claims what Canned claims, in a form of its own.
-class Later : public Canned {
-  public:
+struct Later : Canned {
     using Canned::Canned;
     static URLRequest canonicalRequest(const URLRequest& request) { return withForm(request, "later"); }
 };
 
-class HelpCenterTest : public ServerTest {
-  protected:
-    HelpCenterTest() {
-        CoreLogger::setLogLevel(LogLevel::verbose);
-        URLProtocol::registerClass<VMKAuthenticationURLProtocol>();
-    }
-};
+using HelpCenterTest = ServerTest;
 
 // What the account received for a page request; where no token can be added, the host's hook says so.
 TEST_F(HelpCenterTest, OnlyAccountPagesWithoutAuthorizationGetTheTokenAndEachIsSentOnce) {
-    struct Case {
-        const char* name;
-        bool initialised;
-        std::optional<std::string> token;
-        std::string url;
-        std::optional<std::string> own, received;  // the request's own "Authorization", the account's
-    };
+    CoreLogger::setLogLevel(LogLevel::verbose);
+    URLProtocol::registerClass<VMKAuthenticationURLProtocol>();
     const auto page = server.url() + "/hc/";
     const auto upperCase = "HTTP" + page.substr(4);
-    const std::vector<Case> cases = {
-        {"before initialize", false, "tok", page, std::nullopt, std::nullopt},
-        {"no token", true, std::nullopt, page, std::nullopt, std::nullopt},
-        {"empty token", true, "", page, std::nullopt, std::nullopt},
-        {"token", true, "tok", page, std::nullopt, "Bearer tok"},
-        {"own header", true, "tok", page, "Basic host", "Basic host"},
-        {"URL differing in case", true, "tok", upperCase, std::nullopt, std::nullopt},
+    // What, whether initialised, the user's token, the URL, the request's own headers, the "Authorization"
+    // the account received.
+    const std::vector<std::tuple<const char*, bool, Text, std::string, HTTPHeaderFields, Text>> cases = {
+        {"before initialize", false, "tok", page, {}, std::nullopt},
+        {"no token", true, std::nullopt, page, {}, std::nullopt},
+        {"empty token", true, "", page, {}, std::nullopt},
+        {"token", true, "tok", page, {}, "Bearer tok"},
+        {"own header", true, "tok", page, {{"Authorization", "Basic host"}}, "Basic host"},
+        {"URL differing in case", true, "tok", upperCase, {}, std::nullopt},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        if (c.initialised) {
+    for (const auto& [what, initialised, token, url, headers, received] : cases) {
+        SCOPED_TRACE(what);
+        if (initialised) {
             Velmora::initialize("app", "client", server.url());
         }
-        c.token ? identity->update(IdentityStore::authTokenKey, PropertyValue(*c.token)) : identity->clear();
+        token ? identity->update(IdentityStore::authTokenKey, PropertyValue(*token)) : identity->clear();
         server.clearRequests();
-        URLRequest request(*URL::fromString(c.url));
-        if (c.own) {
-            request.setValue(*c.own, "Authorization");
-        }
-        EXPECT_EQ(load(request).status, 200);
+        URLRequest request(*URL::fromString(url));
+        request.allHTTPHeaderFields = headers;
+        EXPECT_EQ(load(request).first, 200);
         const auto seen = server.requests("GET", "/hc/");
         ASSERT_EQ(seen.size(), 1u) << "claimed at most once, sent once";
-        EXPECT_EQ(seen[0].header("Authorization"), c.received);
-        if (!c.initialised || !c.token) {
+        EXPECT_EQ(seen[0].header("Authorization"), received);
+        if (!initialised || !token) {
             logs->clear();
             EXPECT_EQ(HelpCenterUtil::canonicalRequest(request).allHTTPHeaderFields,
                       request.allHTTPHeaderFields);
-            EXPECT_EQ(logs->count("[VERBOSE]: Unable to add header to request: " + c.url), 1u);
+            EXPECT_EQ(logs->count("[VERBOSE]: Unable to add header to request: " + url), 1u);
         }
     }
     URLRequest marked(*URL::fromString(page));
@@ -140,20 +127,18 @@ TEST_F(HelpCenterTest, URLsOfAnotherOriginThatBeginWithTheAccountURLGetNoToken) 
         const URLRequest request(*URL::fromString(url));
         EXPECT_EQ(VMKAuthenticationURLProtocol::canInit(request), account);
         EXPECT_EQ(HelpCenterUtil::canonicalRequest(request).value("Authorization"),
-                  account ? std::optional<std::string>("Bearer tok") : std::nullopt);
+                  account ? Text("Bearer tok") : std::nullopt);
     }
 }
 
 TEST_F(HelpCenterTest, RegisteredProtocolsAnswerInPlaceOfTheNetworkLatestFirstAndAreStoppedOnce) {
     URLProtocol::registerClass<Canned>();
     const URLRequest request(*URL::fromString("http://canned.invalid/page"));
-    const auto canned = load(request);
-    EXPECT_EQ(canned.status, 203);
-    EXPECT_EQ(canned.body, "canned") << "the protocol loads the canonical request";
+    EXPECT_EQ(load(request), Loaded(203, "canned")) << "the protocol loads the canonical request";
     EXPECT_TRUE(URLProtocol::registerClass<Later>());
-    EXPECT_EQ(load(request).body, "later");
+    EXPECT_EQ(load(request).second, "later");
     URLProtocol::unregisterClass<Later>();
-    EXPECT_EQ(load(request).body, "canned");
+    EXPECT_EQ(load(request).second, "canned");
     EXPECT_TRUE(eventually([] { return Canned::stops == 3; })) << "once each load ended";
     using Response = std::shared_ptr<const platform::HTTPURLResponse>;
     struct Counting : platform::URLConnectionDelegate {

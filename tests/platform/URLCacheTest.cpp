@@ -26,7 +26,13 @@ std::string httpDate(std::chrono::seconds offset) {
 class URLCacheTest : public LibraryTest {
   protected:
     static URL url(const std::string& path) { return *URL::fromString("https://a.example" + path); }
-    static URLRequest get(const std::string& path) { return URLRequest(url(path)); }
+    // A request for `path`, with the header `fields`, by `method`.
+    static URLRequest get(const std::string& path, HTTPHeaderFields fields = {}, std::string method = "GET") {
+        URLRequest request(url(path));
+        request.allHTTPHeaderFields = std::move(fields);
+        request.httpMethod = std::move(method);
+        return request;
+    }
     static CachedURLResponse answer(const std::string& path, std::size_t bytes, HTTPHeaderFields headers = {},
                                     URLCacheStoragePolicy policy = URLCacheStoragePolicy::allowed,
                                     int status = 200) {
@@ -56,9 +62,7 @@ TEST_F(URLCacheTest, TheMemoryPartKeepsTheMostRecentlyUsedWithinItsCapacity) {
     store(cache, "/huge", 6000);
     EXPECT_FALSE(has(cache, "/huge")) << "over a twentieth of the capacity: not kept";
 
-    URLRequest post = get("/a");
-    post.httpMethod = "POST";
-    cache.storeCachedResponse(answer("/a", 10), post);
+    cache.storeCachedResponse(answer("/a", 10), get("/a", {}, "POST"));
     EXPECT_EQ(cache.cachedResponse(get("/a"))->data.size(), 4000u) << "only GET answers are cached";
     cache.removeAllCachedResponses();
     EXPECT_EQ(std::pair(has(cache, "/a"), cache.currentMemoryUsage()), std::pair(false, std::size_t{0}));
@@ -93,9 +97,8 @@ TEST_F(URLCacheTest, TheDiskPartOutlivesTheProcessHonoursThePolicyAndIsStartedAg
     URLCache third(0, 200'000, directory());
     EXPECT_EQ(std::pair(has(third, "/bulk0"), has(third, "/bulk39")), std::pair(false, true));
 
-    std::filesystem::create_directories(root / "damaged");
-    std::ofstream(root / "damaged" / "Cache.db") << std::string(4096, '\x7f');
-    URLCache damaged(0, 200'000, root / "damaged");
+    std::ofstream(root / "Cache.db") << std::string(4096, '\x7f');
+    URLCache damaged(0, 200'000, root);
     store(damaged, "/a", 100);
     EXPECT_TRUE(has(damaged, "/a"));
 }
@@ -125,9 +128,8 @@ TEST_F(URLCacheTest, FreshnessStorabilityAndVaryFollowTheCachingHeadersOfTheAnsw
     for (const auto& [what, answered, asked, fresh] : cases) {
         SCOPED_TRACE(what);
         cache.storeCachedResponse(answer("/page", 10, answered), get("/page"));
-        auto request = get("/page");
-        request.allHTTPHeaderFields = asked;
-        EXPECT_EQ(cache.match(request).value().fresh, fresh);  // value() throws when nothing matched
+        // value() throws when nothing matched
+        EXPECT_EQ(cache.match(get("/page", asked)).value().fresh, fresh);
     }
 
     // method, status, the request's headers, the answer's, storable
@@ -141,21 +143,16 @@ TEST_F(URLCacheTest, FreshnessStorabilityAndVaryFollowTheCachingHeadersOfTheAnsw
         {"GET", 200, {{"Cache-Control", "no-store"}}, {}, false},
         {"GET", 200, {}, {{"Vary", "Accept, *"}}, false}};
     for (const auto& [method, status, asked, answered, storable] : exchanges) {
-        auto request = get("/x");
-        request.httpMethod = method;
-        request.allHTTPHeaderFields = asked;
         const auto response = answer("/x", 1, answered, URLCacheStoragePolicy::allowed, status).response;
-        EXPECT_EQ(URLCache::mayStore(request, *response), storable) << method << " " << status;
+        EXPECT_EQ(URLCache::mayStore(get("/x", asked, method), *response), storable)
+            << method << " " << status;
     }
 
-    auto english = get("/v");
-    english.setValue("en", "Accept-Language");
+    const auto english = get("/v", {{"Accept-Language", "en"}});
     cache.storeCachedResponse(
         answer("/v", 10, {{"Vary", "accept-language"}, {"Cache-Control", "max-age=60"}}), english);
     EXPECT_TRUE(cache.match(english).has_value());
-    auto french = english;
-    french.setValue("fr", "ACCEPT-LANGUAGE");
-    EXPECT_FALSE(cache.match(french).has_value());
+    EXPECT_FALSE(cache.match(get("/v", {{"ACCEPT-LANGUAGE", "fr"}})).has_value());
     EXPECT_FALSE(cache.match(get("/v")).has_value()) << "a header the answer varied with is missing";
 }
 

@@ -57,9 +57,6 @@ class SharedStorageTest : public LibraryTest {
         const auto stored = persistedValue(file(), std::string(AccountStore::suite), "account-id");
         return stored && stored->getIf<std::string>() ? *stored->getIf<std::string>() : "";
     }
-    static std::string accountKey(const std::string& appId) {
-        return *ApplicationConfiguration(appId, "client", accountUrl).base64();
-    }
 };
 
 TEST_F(SharedStorageTest, ProcessesWritingTheSameDictionaryKeepEveryAcknowledgedChange) {
@@ -119,13 +116,13 @@ TEST_F(SharedStorageTest, AnIdentityChangeRacingALoginIsNeverReverted) {
 // Switching accounts and identities over and over, killed at random moments: the state before or after a
 // step.
 TEST_F(SharedStorageTest, AKillAtAnyMomentLeavesTheStateBeforeOrAfterTheChange) {
-    struct Step {
-        std::string appId, name;  // an empty name switches to the account, another sets the identity's name
-    };
-    const std::vector<Step> cycle{{"b", ""}, {"b", "B1"}, {"b", "B2"}, {"a", ""}, {"a", "A1"}, {"a", "A2"}};
+    // The steps: an app id, and an empty name to switch to its account or another to set as the identity's.
+    const std::vector<std::pair<std::string, std::string>> cycle{{"b", ""}, {"b", "B1"}, {"b", "B2"},
+                                                                 {"a", ""}, {"a", "A1"}, {"a", "A2"}};
     const auto matchesStateAfter = [&](std::size_t step) {
-        const auto& s = cycle[step % cycle.size()];
-        return storedAccount() == accountKey(s.appId) && storedName(s.appId) == s.name;
+        const auto& [appId, name] = cycle[step % cycle.size()];
+        return storedAccount() == *ApplicationConfiguration(appId, "client", accountUrl).base64() &&
+               storedName(appId) == name;
     };
     std::mt19937 random(20261123);
     for (int kill = 0; kill < 40; ++kill) {
@@ -140,11 +137,11 @@ TEST_F(SharedStorageTest, AKillAtAnyMomentLeavesTheStateBeforeOrAfterTheChange) 
                 if (::write(progress[1], &mark, 1) != 1) {
                     return 1;
                 }
-                const auto& s = cycle[step % cycle.size()];
-                if (s.name.empty()) {
-                    Velmora::initialize(s.appId, "client", accountUrl);
+                const auto& [appId, name] = cycle[step % cycle.size()];
+                if (name.empty()) {
+                    Velmora::initialize(appId, "client", accountUrl);
                 } else {
-                    Velmora::instance()->setIdentity(Identity::createAnonymous(s.name, std::nullopt));
+                    Velmora::instance()->setIdentity(Identity::createAnonymous(name, std::nullopt));
                 }
             }
         });
@@ -163,7 +160,7 @@ TEST_F(SharedStorageTest, AKillAtAnyMomentLeavesTheStateBeforeOrAfterTheChange) 
         const auto step = static_cast<std::size_t>(mark);
         EXPECT_TRUE(matchesStateAfter(step + cycle.size() - 1) || matchesStateAfter(step))
             << "killed during step " << step << ": found account " << storedAccount() << ", identity '"
-            << storedName(cycle[step].appId) << "'";
+            << storedName(cycle[step].first) << "'";
     }
 }
 
