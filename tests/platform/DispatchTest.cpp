@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <numeric>
 #include <optional>
-#include <ranges>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -49,8 +49,9 @@ TEST_F(DispatchTest, SerialQueueKeepsEachSubmittersOrderAndRunsOneBlockAtATime) 
     queue.sync([] {});  // returns once every block submitted before it has run
     // Blocks of a serial queue never run at the same time, and a sync runs on the caller's thread.
     EXPECT_EQ(std::pair(overlaps.load(), syncsElsewhere.load()), std::pair(0, 0));
-    const auto inOrder = std::views::iota(0, 2000);
-    EXPECT_EQ(seen, std::vector(4, std::vector<int>(inOrder.begin(), inOrder.end())));
+    std::vector<int> inOrder(2000);
+    std::iota(inOrder.begin(), inOrder.end(), 0);
+    EXPECT_EQ(seen, std::vector(4, inOrder));
 }
 
 TEST_F(DispatchTest, SyncOntoTheQueueAlreadyHeldByThisThreadIsReportedNotADeadlock) {
