@@ -268,7 +268,8 @@ TEST(URLTest, OnlyAbsoluteUrlsParseAndTheTextIsKeptAsGiven) {
     EXPECT_EQ(url.origin(), "https://acme.velmora.com:443");
     EXPECT_EQ(URL::fromString("http://127.0.0.1:8080/")->origin(), "http://127.0.0.1:8080");
     for (const char* bad :
-         {"", "acme.velmora.com/path", "/relative", "https://", "http://a b.com/", "ht tp://x"}) {
+         {"", "acme.velmora.com/path", "/relative", "https://", "http://a b.com/", "ht tp://x",
+          "http://a.com/?q=a b", "http://a.com/?q=\x01", "http://a.com/#\x7f", "http://a.com/p\tq"}) {
         EXPECT_FALSE(URL::fromString(bad).has_value()) << bad;
     }
     EXPECT_EQ(HTTPURLResponse::localizedString(418), "client error");

@@ -13,10 +13,12 @@ using nlohmann::ordered_json;
 
 namespace {
 
+// Objects are built member by member: an initializer list copies every member twice more, for every event.
 ordered_json valueJson(const BlipValue& value) {
-    ordered_json json{{"device", value.device.toJson()}};
+    ordered_json json(ordered_json::value_t::object);
+    json.emplace("device", value.device.toJson());
     if (value.payload) {
-        json["payload"] = *value.payload;
+        json.emplace("payload", *value.payload);
     }
     return json;
 }
@@ -54,35 +56,39 @@ BlipRequest BlipRequest::makePageView(std::string appId, std::string uuid, std::
 }
 
 ordered_json BlipRequest::toJson() const {
-    ordered_json json{{"appId", appId},
-                      {"uuid", uuid},
-                      {"version", version},
-                      {"channel", channel},
-                      {"schemaVersion", schemaVersion},
-                      {"timestamp", DateStringParser::withMilliseconds().string(timestamp)}};
+    ordered_json json(ordered_json::value_t::object);
+    json.emplace("appId", appId);
+    json.emplace("uuid", uuid);
+    json.emplace("version", version);
+    json.emplace("channel", channel);
+    json.emplace("schemaVersion", schemaVersion);
+    json.emplace("timestamp", DateStringParser::withMilliseconds().string(timestamp));
     if (userId) {
-        json["userId"] = *userId;
+        json.emplace("userId", *userId);
     }
     if (url) {
-        json["url"] = *url;
+        json.emplace("url", *url);
     }
     if (userAction) {
-        ordered_json action{{"category", userAction->category}, {"action", userAction->action}};
+        ordered_json action(ordered_json::value_t::object);
+        action.emplace("category", userAction->category);
+        action.emplace("action", userAction->action);
         if (userAction->label) {
-            action["label"] = *userAction->label;
+            action.emplace("label", *userAction->label);
         }
         if (userAction->value) {
-            action["value"] = valueJson(*userAction->value);
+            action.emplace("value", valueJson(*userAction->value));
         }
-        json["userAction"] = std::move(action);
+        json.emplace("userAction", std::move(action));
     }
     if (pageView) {
-        ordered_json page{{"pageTitle", pageView->pageTitle},
-                          {"navigatorLanguage", pageView->navigatorLanguage}};
+        ordered_json page(ordered_json::value_t::object);
+        page.emplace("pageTitle", pageView->pageTitle);
+        page.emplace("navigatorLanguage", pageView->navigatorLanguage);
         if (pageView->value) {
-            page["value"] = valueJson(*pageView->value);
+            page.emplace("value", valueJson(*pageView->value));
         }
-        json["pageView"] = std::move(page);
+        json.emplace("pageView", std::move(page));
     }
     return json;
 }

@@ -62,8 +62,7 @@ std::optional<std::string> unusableDetails(const std::string& appId, const std::
         return "the account URL " + shown +
                " holds a user name or password, which would be sent to the account";
     }
-    if (!url->query().empty() || !url->fragment().empty() ||
-        velmoraUrl.find_first_of("?#") != std::string::npos) {
+    if (velmoraUrl.find_first_of("?#") != std::string::npos) {
         return "the account URL " + shown + " has a query or a fragment, which every request would carry";
     }
     return std::nullopt;

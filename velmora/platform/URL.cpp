@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace velmora::platform {
@@ -20,34 +21,31 @@ std::string part(CURLU* handle, CURLUPart which, unsigned flags = 0) {
 }  // namespace
 
 std::optional<URL> URL::fromString(std::string_view text) {
+    // No byte of a URL may be a space or a control character: that check is one pass here. libcurl then
+    // parses only what stands before the query and the fragment, which it would keep as given anyway, so a
+    // long query (an event's payload) is not scanned twice.
+    const bool junk = std::any_of(text.begin(), text.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte <= 0x20 || byte == 0x7f;
+    });
+    const auto query = text.find_first_of("?#");
     std::unique_ptr<CURLU, void (*)(CURLU*)> handle(curl_url(), curl_url_cleanup);
-    const std::string copy(text);
-    if (!handle || copy.find_first_of(" \t\r\n") != std::string::npos ||
-        curl_url_set(handle.get(), CURLUPART_URL, copy.c_str(), 0) != CURLUE_OK) {
+    if (junk || !handle ||
+        curl_url_set(handle.get(), CURLUPART_URL, std::string(text.substr(0, query)).c_str(), 0) !=
+            CURLUE_OK) {
         return std::nullopt;
     }
     URL url;
-    url.text_ = copy;
     url.scheme_ = part(handle.get(), CURLUPART_SCHEME);
     url.host_ = part(handle.get(), CURLUPART_HOST);
+    if (url.scheme_.empty() || url.host_.empty()) {
+        return std::nullopt;
+    }
     const auto port = part(handle.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT);
     url.port_ = port.empty() ? 0 : std::stoi(port);
     url.hasUserInfo_ =
         !part(handle.get(), CURLUPART_USER).empty() || !part(handle.get(), CURLUPART_PASSWORD).empty();
-    // libcurl keeps the query and the fragment as given; cut from the text, a long query (an event's
-    // payload) is not copied twice more.
-    const auto hash = copy.find('#');
-    const auto question = copy.find('?');
-    if (hash != std::string::npos) {
-        url.fragment_ = copy.substr(hash + 1);
-    }
-    if (question < hash) {
-        url.query_ =
-            copy.substr(question + 1, hash == std::string::npos ? std::string::npos : hash - question - 1);
-    }
-    if (url.scheme_.empty() || url.host_.empty()) {
-        return std::nullopt;
-    }
+    url.text_ = text;
     return url;
 }
 

@@ -24,9 +24,6 @@ class VELMORA_EXPORT URL {
     std::string origin() const;
     // Whether a user name or password stands before the host.
     bool hasUserInfo() const { return hasUserInfo_; }
-    // Empty when the URL has none.
-    const std::string& query() const { return query_; }
-    const std::string& fragment() const { return fragment_; }
 
     friend bool operator==(const URL& a, const URL& b) { return a.text_ == b.text_; }
 
@@ -37,8 +34,6 @@ class VELMORA_EXPORT URL {
     std::string host_;
     int port_ = 0;
     bool hasUserInfo_ = false;
-    std::string query_;
-    std::string fragment_;
 };
 
 }  // namespace velmora::platform
