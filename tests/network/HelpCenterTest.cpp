@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <functional>
+#include <stdexcept>
 #include <thread>
 #include <tuple>
 
@@ -42,7 +43,8 @@ bool eventually(const std::function<bool()>& condition) {
     return condition();
 }
 
-// Answers requests to canned.invalid itself, through the canonical form of the request; "/hang" never.
+// Answers requests to canned.invalid itself, through the canonical form of the request; "/hang" never, and
+// "/throw" throws, as a careless host's protocol may.
 struct Canned : URLProtocol {
     using URLProtocol::URLProtocol;
     static bool canInit(const URLRequest& request) { return request.url.host() == "canned.invalid"; }
@@ -55,6 +57,9 @@ struct Canned : URLProtocol {
         ++starts;
         if (request().url.absoluteString().ends_with("/hang")) {
             return;
+        }
+        if (request().url.absoluteString().ends_with("/throw")) {
+            throw std::runtime_error("no canned page");
         }
         const auto response =
             std::make_shared<platform::HTTPURLResponse>(request().url, 203, HTTPHeaderFields{});
@@ -155,6 +160,12 @@ TEST_F(HelpCenterTest, RegisteredProtocolsAnswerInPlaceOfTheNetworkLatestFirstAn
     hanging->cancel();
     EXPECT_TRUE(eventually([] { return Canned::stops == 4; }));
     EXPECT_EQ(delegate->events.load(), 0) << "a cancelled load reports nothing";
+
+    // A protocol that throws ends its load with an error, and is stopped: the load must not hang.
+    const auto failing = std::make_shared<Counting>();
+    URLConnection::start(URLRequest(*URL::fromString("http://canned.invalid/throw")), failing);
+    EXPECT_TRUE(eventually([&] { return failing->events == 1; }));
+    EXPECT_TRUE(eventually([] { return Canned::stops == 5; }));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <mutex>
+#include <stdexcept>
 #include <utility>
 
 #include "velmora/platform/Environment.h"
@@ -218,10 +219,21 @@ void URLConnection::begin() {
         return;
     }
     self_ = shared_from_this();
-    if (const auto protocolClass = URLProtocol::classFor(request_)) {
-        protocol_ = protocolClass->make(protocolClass->canonicalRequest(request_),
-                                        std::make_shared<ProtocolClient>(weak_from_this()));
-        protocol_->startLoading();
+    // A host's protocol that throws ends its load with an error: left alone, the load would never end.
+    try {
+        if (const auto protocolClass = URLProtocol::classFor(request_)) {
+            protocol_ = protocolClass->make(protocolClass->canonicalRequest(request_),
+                                            std::make_shared<ProtocolClient>(weak_from_this()));
+            protocol_->startLoading();
+            return;
+        }
+    } catch (const std::exception& thrown) {
+        Events::fail(*this, URLError::make(errors::url::unknown, request_.url.absoluteString(),
+                                           std::string("a URL protocol failed: ") + thrown.what()));
+        return;
+    } catch (...) {
+        Events::fail(*this, URLError::make(errors::url::unknown, request_.url.absoluteString(),
+                                           "a URL protocol failed"));
         return;
     }
     auto& loading = loadingSession();
