@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <ctime>
 #include <fstream>
+#include <thread>
 #include <tuple>
 
 #include "tests/support/LibraryTest.h"
@@ -101,6 +103,32 @@ TEST_F(URLCacheTest, TheDiskPartOutlivesTheProcessHonoursThePolicyAndIsStartedAg
     URLCache damaged(0, 200'000, root);
     store(damaged, "/a", 100);
     EXPECT_TRUE(has(damaged, "/a"));
+}
+
+TEST_F(URLCacheTest, AHostsLogSinkMayUseTheCacheWhileTheCacheReportsAProblem) {
+    std::ofstream(root / "file") << "x";  // where the cache's directory should be: no disk cache
+    // Leaked if the store never returns: the thread stuck in it must not outlive what it uses.
+    auto* cache = new URLCache(100'000, 200'000, root / "file" / "cache");
+    std::atomic<int> reported{0};
+    environment.logSink = [&, cache](LogLevel, std::string_view line) {
+        if (line.starts_with("URLCache:")) {
+            (void)cache->currentDiskUsage();
+            ++reported;
+        }
+    };
+    platform::Environment::install(environment);
+    auto stored = std::make_shared<std::atomic<bool>>(false);
+    std::thread([cache, stored] {
+        store(*cache, "/a", 100);
+        *stored = true;
+    }).detach();
+    for (int i = 0; i < 500 && !*stored; ++i) {
+        std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_TRUE(*stored) << "the store never returned";
+    EXPECT_EQ(reported.load(), 1);
+    EXPECT_TRUE(has(*cache, "/a")) << "kept in memory";
+    delete cache;
 }
 
 // An answer's own no-cache is seen to force a revalidation in ResponseCachingTest.

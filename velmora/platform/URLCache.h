@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "velmora/platform/URLRequest.h"
 
@@ -75,7 +76,9 @@ class URLCache {
     std::optional<Entry> lookup(const URLRequest& request);
     void rememberInMemory(Entry entry);
     void forgetInMemory(const std::string& key);
-    bool openDisk(bool create);
+    // What went wrong is added to `problems`, for the caller to log once the lock is released: a host's log
+    // sink may call back into the cache.
+    bool openDisk(bool create, std::vector<std::string>& problems);
 
     const std::size_t memoryCapacity_;
     const std::size_t diskCapacity_;
