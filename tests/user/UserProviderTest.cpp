@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "tests/support/ServerTest.h"
 #include "velmora/storage/SessionStore.h"
 
@@ -9,6 +11,7 @@ namespace velmora::testing {
 namespace {
 
 using nlohmann::json;
+using namespace std::chrono_literals;
 
 json field(const std::string& key) {
     auto definition = json::parse(R"({"id": 7, "url": "https://a.example/f/7.json", "type": "dropdown",
@@ -99,6 +102,19 @@ TEST_F(UserProviderTest, A401WipesTheSessionAMissingBodyIsCode3000AndAnEmptyOneA
                   {.status = 401, .body = R"({"error": "Unauthorized"})"});
     (void)getUser();
     EXPECT_TRUE(!identity->identity() && !identity->oauthToken() && !SessionStore("app").pushToken());
+
+    // A 401 for a token no longer stored (the host set another identity meanwhile) leaves the new one.
+    identity->store(Identity::createAnonymous("Ann", std::nullopt));
+    server.script("GET", "/api/mobile/users/me.json", {.status = 200, .body = R"({"user": {}})"});
+    ASSERT_TRUE(getUser().isSuccess());
+    server.script("GET", "/api/mobile/users/me.json", {.status = 401, .delay = 300ms});
+    Awaited<Result<User>> stale;
+    users.getUser(stale.callback());
+    std::this_thread::sleep_for(100ms);
+    identity->clear();
+    identity->store(Identity::createAnonymous("Bob", std::nullopt));
+    (void)stale.wait();
+    EXPECT_TRUE(identity->identity().has_value()) << "Bob's identity stays";
 
     identity->store(Identity::createAnonymous("Ann", std::nullopt));
     server.script("GET", "/api/mobile/users/me.json", {.status = 204});

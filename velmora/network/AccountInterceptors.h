@@ -24,7 +24,8 @@ class ClientIdentifierInterceptor : public RequestInterceptor {
 };
 
 // A 401 answer means the stored access is no longer good: the session and the identity are wiped, on
-// every chunk of such an answer.
+// every chunk of such an answer. Unless the request carried a token and another session is stored now (the
+// host set another identity, or a later login replaced the token): that one was not refused.
 class InvalidResponseInterceptor : public HTTPResponseInterceptor {
   public:
     explicit InvalidResponseInterceptor(const std::string& appId)
@@ -32,10 +33,12 @@ class InvalidResponseInterceptor : public HTTPResponseInterceptor {
     void intercept(const std::optional<Data>& data,
                    const std::shared_ptr<const platform::HTTPURLResponse>& response,
                    const std::optional<Error>& error) override;
+    void willSend(const platform::URLRequest& request) override;
 
   private:
     SessionStore sessionStore_;
     IdentityStore identityStore_;
+    std::optional<std::string> sentToken_;  // set before the request leaves, read only after
 };
 
 }  // namespace velmora

@@ -2,6 +2,7 @@
 
 #include "velmora/network/NetworkClient.h"
 #include "velmora/platform/Uuid.h"
+#include "velmora/support/CoreLogger.h"
 
 namespace velmora {
 
@@ -26,12 +27,32 @@ std::string ClientIdentifierInterceptor::description() const {
 void InvalidResponseInterceptor::intercept(const std::optional<Data>&,
                                            const std::shared_ptr<const platform::HTTPURLResponse>& response,
                                            const std::optional<Error>&) {
-    if (response && response->statusCode() == 401) {
-        (void)identityStore_.defaults()->transaction([&] {
+    if (!response || response->statusCode() != 401) {
+        return;
+    }
+    bool stale = false;
+    (void)identityStore_.defaults()->transaction([&] {
+        // Nothing stored (a chunk before this one cleared it): cleared again, as every chunk of a 401 is.
+        stale = sentToken_ && identityStore_.identity() && identityStore_.oauthToken() != sentToken_;
+        if (!stale) {
             sessionStore_.clear();
             identityStore_.clear();
-        });
-        NetworkClient::defaultClient().removeCachedResponses();
+        }
+    });
+    if (stale) {
+        CoreLogger::debug(
+            "A 401 answered an access token that is no longer stored: the session stored now "
+            "is kept");
+        return;
+    }
+    NetworkClient::defaultClient().removeCachedResponses();
+}
+
+void InvalidResponseInterceptor::willSend(const platform::URLRequest& request) {
+    constexpr std::string_view bearer = "Bearer ";
+    if (const auto authorization = request.value("Authorization");
+        authorization && authorization->starts_with(bearer)) {
+        sentToken_ = authorization->substr(bearer.size());
     }
 }
 

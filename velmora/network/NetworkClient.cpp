@@ -202,6 +202,9 @@ void NetworkClient::execute(const ProviderService& service, const platform::Disp
         return;
     }
     intercepted.value().deadline = deadline;
+    for (const auto& interceptor : service.interceptors.responseInterceptors) {
+        interceptor->willSend(intercepted.value());
+    }
     auto task = session_->dataTask(std::move(intercepted).value());
     taskHandlerManager_->append(std::make_shared<URLSessionTaskHandler>(URLSessionTaskHandler{
         task->taskIdentifier(), queue, std::move(completionHandler), service.reporter,

@@ -30,6 +30,8 @@ class VELMORA_EXPORT HTTPResponseInterceptor {
     virtual void intercept(const std::optional<Data>& data,
                            const std::shared_ptr<const platform::HTTPURLResponse>& response,
                            const std::optional<Error>& error) = 0;
+    // The request as it leaves, once the request interceptors are done with it; before any answer.
+    virtual void willSend(const platform::URLRequest&) {}
 };
 
 struct VELMORA_EXPORT Interceptors {
