@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <thread>
 #include <tuple>
 
@@ -120,6 +121,28 @@ TEST_F(NetworkClientTest, TheCallbackReporterGetsTheExpectedTotalThenTheSentTota
     for (std::size_t i = 1; i < reports.size(); ++i) {
         EXPECT_GT(reports[i].second, reports[i - 1].second);
     }
+}
+
+// Host code run on the session's thread (a progress reporter, a kit's response interceptor) that throws ends
+// its own request with an error; a completion that throws still lets its request count as done.
+TEST_F(NetworkClientTest, HostCodeThatThrowsEndsOnlyItsOwnRequest) {
+    struct Throwing : HTTPResponseInterceptor {
+        void intercept(const std::optional<Data>&, const std::shared_ptr<const HTTPURLResponse>&,
+                       const std::optional<Error>&) override {
+            throw std::runtime_error("kit");
+        }
+    };
+    const auto reporter = Reporter::callback([](std::int64_t, std::int64_t) { throw 7; });
+    const auto body = Data::fromString(std::string(64 * 1024, 'b'));
+    for (const auto& thrower : {service("/upload", HttpMethod::put, {}, {}, reporter, body),
+                                service("/x", HttpMethod::get, {}, {std::make_shared<Throwing>()})}) {
+        const auto outcome = perform(thrower);
+        EXPECT_EQ(outcome.error ? outcome.error->code() : 0, errors::url::unknown);
+    }
+    EXPECT_EQ(logs->linesStartingWith("URLSession: the delegate failed").size(), 2u);
+    service("/x").perform([](auto&&...) { throw std::runtime_error("host"); });
+    EXPECT_TRUE(PendingRequests::waitUntilDrained(5s));
+    EXPECT_FALSE(perform(service("/x")).error.has_value()) << "the session goes on";
 }
 
 TEST_F(NetworkClientTest, AFailingInterceptorHaltsTheChainSendsNothingAndAnswersOnTheExecutingThread) {

@@ -120,8 +120,8 @@ void SessionDelegate::didComplete(platform::URLSession&, platform::URLSessionDat
         return;
     }
     handler->queue.async([handler, delegate, response = task.response(), error] {
+        delegate->completed(handler->taskIdentifier);  // first: a completion that throws must not keep it
         handler->completionHandler(handler->data, response, error);
-        delegate->completed(handler->taskIdentifier);
     });
 }
 

@@ -22,8 +22,12 @@ TaskCompletion PendingRequests::track(TaskCompletion completion) {
          completion = std::move(completion)](const std::optional<Data>& data,
                                              const std::shared_ptr<const platform::HTTPURLResponse>& response,
                                              const std::optional<Error>& error) {
+            // Finished however the completion ends: one that throws has still run.
+            const struct Finish {
+                platform::PendingCount::Ticket& ticket;
+                ~Finish() { ticket.finish(); }
+            } finish{*ticket};
             completion(data, response, error);
-            ticket->finish();
         };
 }
 

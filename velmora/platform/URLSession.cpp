@@ -197,6 +197,7 @@ struct URLSession::Engine {
         std::optional<URLRequest> cacheRequest;
         std::optional<CachedURLResponse> revalidating;  // the stale answer a conditional request asks about
         bool fromCache = false;                         // the answer is the cache's: nothing to offer it
+        std::optional<std::string> delegateFailure;     // what the delegate threw while told of this task
         std::optional<bool> collecting;                 // the body is gathered for the cache's offer
         Data collected;
     };
@@ -292,7 +293,40 @@ struct URLSession::Engine {
             // sleeps until an operation wakes it, so that an idle session costs its host nothing.
             curl_multi_poll(multi, nullptr, 0, transfers.empty() ? idlePollMilliseconds : 1000, nullptr);
         }
-        session.delegate_->didBecomeInvalid(session, std::nullopt);
+        toDelegate(nullptr, [&] { session.delegate_->didBecomeInvalid(session, std::nullopt); });
+    }
+
+    // The delegate is the host's code (or runs the host's: reporters, a kit's interceptors), here on the
+    // session's thread, often inside a libcurl callback. What it throws must not end the host: it is logged,
+    // and the task it was told about ends with an error. False when it threw.
+    template <class Call>
+    static bool toDelegate(Transfer* transfer, Call&& call) noexcept {
+        std::string what;
+        try {
+            call();
+            return true;
+        } catch (const std::exception& thrown) {
+            what = thrown.what();
+        } catch (...) {
+            what = "an exception of an unknown type";
+        }
+        try {
+            systemLogLine(LogLevel::error, "URLSession: the delegate failed: " + what);
+            if (transfer != nullptr && !transfer->delegateFailure) {
+                transfer->delegateFailure = "the session's delegate failed: " + what;
+            }
+        } catch (...) {  // nothing may leave a libcurl callback
+        }
+        return false;
+    }
+
+    // The error a task ends with when its delegate threw.
+    static std::optional<Error> delegateError(const Transfer& transfer) {
+        if (!transfer.delegateFailure) {
+            return std::nullopt;
+        }
+        return URLError::make(errors::url::unknown, transfer.task->request_.url.absoluteString(),
+                              *transfer.delegateFailure);
     }
 
     static size_t onHeader(char* buffer, size_t size, size_t count, void* user) {
@@ -344,8 +378,10 @@ struct URLSession::Engine {
                 transfer.collected.append(chunk);
             }
         }
-        engine.session.delegate_->didReceiveData(engine.session, *transfer.task, chunk);
-        return size * count;
+        const bool told = toDelegate(&transfer, [&] {
+            engine.session.delegate_->didReceiveData(engine.session, *transfer.task, chunk);
+        });
+        return told ? size * count : 0;  // 0: libcurl ends the transfer
     }
 
     static int onProgress(void* user, curl_off_t, curl_off_t, curl_off_t totalToSend, curl_off_t sentNow) {
@@ -355,8 +391,13 @@ struct URLSession::Engine {
             transfer.sent = sentNow;
             const auto expected =
                 totalToSend > 0 ? totalToSend : static_cast<curl_off_t>(transfer.body.size());
-            currentEngine->session.delegate_->didSendBodyData(currentEngine->session, *transfer.task, step,
-                                                              sentNow, expected);
+            const bool told = toDelegate(&transfer, [&] {
+                currentEngine->session.delegate_->didSendBodyData(currentEngine->session, *transfer.task,
+                                                                  step, sentNow, expected);
+            });
+            if (!told) {
+                return 1;  // libcurl ends the transfer
+            }
         }
         return 0;
     }
@@ -396,9 +437,10 @@ struct URLSession::Engine {
         if (!kept.data.empty() ||
             mayHaveBody(transfer.task->request_.httpMethod, kept.response->statusCode())) {
             transfer.delivered = true;
-            session.delegate_->didReceiveData(session, *transfer.task, kept.data);
+            toDelegate(&transfer,
+                       [&] { session.delegate_->didReceiveData(session, *transfer.task, kept.data); });
         }
-        complete(transfer, std::nullopt);
+        complete(transfer, delegateError(transfer));
     }
 
     // Serves the request from the cache when it holds a fresh answer (true); with a stale one that has a
@@ -650,13 +692,14 @@ struct URLSession::Engine {
             }
         }
         captureResponse(*transfer);
-        std::optional<Error> error;
-        if (transfer->tooLarge) {
+        // A delegate that threw stopped libcurl: the task ends with what it threw, not libcurl's own error.
+        std::optional<Error> error = delegateError(*transfer);
+        if (!error && transfer->tooLarge) {
             error = URLError::make(
                 errors::url::dataLengthExceedsMaximum, transfer->task->request_.url.absoluteString(),
                 "the answer was larger than " +
                     std::to_string(Environment::current()->http.maximumResponseBytes) + " bytes");
-        } else if (result != CURLE_OK) {
+        } else if (!error && result != CURLE_OK) {
             error = URLError::make(
                 urlErrorCode(result), transfer->task->request_.url.absoluteString(),
                 transfer->errorText[0] != '\0' ? transfer->errorText : curl_easy_strerror(result));
@@ -671,7 +714,9 @@ struct URLSession::Engine {
         if (!error && response && !transfer->delivered &&
             mayHaveBody(transfer->task->request_.httpMethod, response->statusCode())) {
             transfer->delivered = true;
-            session.delegate_->didReceiveData(session, *transfer->task, Data());
+            toDelegate(transfer.get(),
+                       [&] { session.delegate_->didReceiveData(session, *transfer->task, Data()); });
+            error = delegateError(*transfer);
         }
         complete(*transfer, std::move(error));
     }
@@ -687,14 +732,16 @@ struct URLSession::Engine {
             const CachedURLResponse proposed{response, std::move(transfer.collected),
                                              URLCacheStoragePolicy::allowed, nullptr};
             bool answered = false;
-            session.delegate_->willCacheResponse(
-                session, *transfer.task, proposed, [&](std::optional<CachedURLResponse> chosen) {
-                    answered = true;
-                    if (chosen) {
-                        cache->storeCachedResponse(*chosen, *transfer.cacheRequest);
-                    }
-                });
-            if (!answered) {
+            const bool told = toDelegate(nullptr, [&] {
+                session.delegate_->willCacheResponse(
+                    session, *transfer.task, proposed, [&](std::optional<CachedURLResponse> chosen) {
+                        answered = true;
+                        if (chosen) {
+                            cache->storeCachedResponse(*chosen, *transfer.cacheRequest);
+                        }
+                    });
+            });
+            if (told && !answered) {
                 systemLogLine(LogLevel::warn,
                               "URLSession: the delegate did not answer willCacheResponse; nothing cached");
             }
@@ -704,7 +751,7 @@ struct URLSession::Engine {
             response->statusCode() < 400) {
             cache->removeCachedResponse(transfer.task->request_);  // what it held for the URL is out of date
         }
-        session.delegate_->didComplete(session, *transfer.task, error);
+        toDelegate(nullptr, [&] { session.delegate_->didComplete(session, *transfer.task, error); });
         if (transfer.easy != nullptr) {
             if (idleHandles.size() < maximumIdleHandles) {
                 curl_easy_reset(transfer.easy);
