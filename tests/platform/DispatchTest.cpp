@@ -153,6 +153,17 @@ TEST_F(DispatchTest, MainQueueRunsOnOneLibraryThreadOrOnTheHostsExecutorOnceInst
         std::exchange(hostLoop[i], nullptr)();  // a job may hand the loop another
     }
     EXPECT_EQ(ran, std::vector(5, std::pair(std::this_thread::get_id(), true)));
+
+    // An executor that throws (the host's loop has ended) leaves the queue to the library's thread.
+    environment.mainExecutor = [](std::function<void()>) { throw std::runtime_error("loop ended"); };
+    reinstallEnvironment();
+    ran.clear();
+    main.async(record);
+    main.sync([] {});
+    EXPECT_EQ(ran.size(), 1u);
+    EXPECT_TRUE(
+        logs->contains("DispatchQueue: the host's main executor failed (loop ended); "
+                       "com.velmora.main runs on the library's thread"));
 }
 
 // A block that throws is logged and the queue goes on, and outlives its last handle until its blocks ran.

@@ -361,10 +361,22 @@ struct DispatchQueue::State : std::enable_shared_from_this<DispatchQueue::State>
         }
         const auto env = Environment::current();
         if (env->mainExecutor) {
-            env->mainExecutor(std::move(job));
-        } else {
-            LibraryMainThread::shared().submit(std::move(job));
+            // The host's code: a throw would leave the queue owned with no drain coming, for good.
+            std::string failure;
+            try {
+                env->mainExecutor(job);
+                return;
+            } catch (const std::exception& thrown) {
+                failure = thrown.what();
+            } catch (...) {
+                failure = "an exception of an unknown type";
+            }
+            systemLogLine(LogLevel::error,
+                          format("DispatchQueue: the host's main executor failed (%@); %@ runs "
+                                 "on the library's thread",
+                                 failure, label));
         }
+        LibraryMainThread::shared().submit(std::move(job));
     }
 
     void drain() {
