@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <stdexcept>
 
 #include "tests/support/ServerTest.h"
 #include "velmora/network/LoginInterceptors.h"
@@ -151,6 +152,39 @@ TEST_F(AccessTest, ABurstWithoutATokenLogsInOnceAndEveryRequestSharesTheOutcome)
     EXPECT_EQ(burst(), 0);
     EXPECT_EQ(server.requests("GET", "/api/mobile/users/me.json").back().header("Authorization"), "Bearer t");
     EXPECT_EQ(server.requests("POST", "/access/sdk/anonymous").size(), 2u) << "one login for the whole burst";
+}
+
+// A host's executor that drops the access call, or throws on it, fails the requests waiting for the login
+// instead of leaving them, and every later one, waiting for good.
+TEST_F(AccessTest, AnAccessCallTheHostsExecutorDropsOrThrowsOnFailsTheRequestsWaitingForIt) {
+    identity->store(Identity::createAnonymous("Ann", std::nullopt));
+    struct Sabotaging : ExecutorType {
+        explicit Sabotaging(bool throwing) : throws(throwing) {}
+        void perform(const ProviderService& service, TaskCompletion callback) override {
+            if (!service.urlComponent.absoluteString().ends_with("/access/sdk/anonymous")) {
+                DefaultRequestExecutor().perform(service, std::move(callback));
+            } else if (throws) {
+                throw std::runtime_error("executor");
+            }
+        }
+        bool throws;
+    };
+    for (const bool throws : {false, true}) {
+        ExecutorConfig::setExecutor(std::make_shared<Sabotaging>(throws));
+        std::atomic<int> failed{0};
+        for (int i = 0; i < 2; ++i) {
+            authenticated().perform(
+                [&](const auto&, const auto&, const auto& error) { failed += error.has_value(); });
+        }
+        EXPECT_TRUE(PendingRequests::waitUntilDrained(5s)) << "throws: " << throws;
+        EXPECT_EQ(failed.load(), 2) << "throws: " << throws;
+    }
+    ExecutorConfig::setExecutor(nullptr);
+    EXPECT_FALSE(await<std::optional<Error>>([&](auto done) {
+                     authenticated().perform(
+                         [done](const auto&, const auto&, const auto& error) { done(error); });
+                 }).has_value())
+        << "the next request logs in";
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "tests/support/ServerTest.h"
@@ -85,6 +86,26 @@ TEST_F(SettingsTest, TheInterceptorFetchesOnlyWhileNoneAreStoredAndLeavesTheRequ
                              "[VERBOSE]: Settings interceptor retrived settings: CoreSettings(brandId: 1")
                          .empty());
     }
+
+    // A host's executor that drops the settings call unanswered: the chain goes on without them.
+    struct Dropping : ExecutorType {
+        void perform(const ProviderService&, TaskCompletion) override {}
+    };
+    ExecutorConfig::setExecutor(std::make_shared<Dropping>());
+    SettingsStore("app").clear();
+    auto interceptor = std::make_shared<SettingsRequestInterceptor>(
+        SettingsStore("app"), std::make_shared<SettingsProvider>(details),
+        IntervalValidator{3600, Date::now()});
+    const auto done = std::make_shared<std::atomic<bool>>(false);
+    std::thread([interceptor, request, done] {
+        (void)interceptor->intercept(request, {});
+        *done = true;
+    }).detach();
+    for (int i = 0; i < 500 && !*done; ++i) {
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_TRUE(*done);
+    ExecutorConfig::setExecutor(nullptr);
 }
 
 TEST_F(SettingsTest, TheDefaultChainFetchesSettingsLogsInAndAuthorisesInThatOrder) {

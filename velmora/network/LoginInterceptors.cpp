@@ -4,6 +4,9 @@
 #include <mutex>
 #include <optional>
 
+#include "velmora/Errors.h"
+#include "velmora/platform/CalledOrDropped.h"
+#include "velmora/platform/URLSession.h"
 #include "velmora/support/CoreLogger.h"
 
 namespace velmora {
@@ -28,6 +31,25 @@ std::map<std::string, std::shared_ptr<PendingLogin>>& pendingLogins() {
     return *logins;
 }
 
+// Ends the login once: the chains waiting for it go on with its outcome, and the next chain without a token
+// makes a new one.
+void finish(const std::shared_ptr<PendingLogin>& login, const std::string& appId, Result<Access> outcome) {
+    {
+        std::lock_guard lock(pendingLoginsMutex());
+        if (const auto it = pendingLogins().find(appId); it != pendingLogins().end() && it->second == login) {
+            pendingLogins().erase(it);
+        }
+    }
+    {
+        std::lock_guard lock(login->mutex);
+        if (login->outcome) {
+            return;
+        }
+        login->outcome = std::move(outcome);
+    }
+    login->done.leave();
+}
+
 }  // namespace
 
 Result<platform::URLRequest> LoginRequestInterceptor::intercept(Result<platform::URLRequest> request,
@@ -49,26 +71,22 @@ Result<platform::URLRequest> LoginRequestInterceptor::intercept(Result<platform:
     }
     if (first) {
         // The answer comes on the main queue while the chains wait; the token is stored before any of them
-        // goes on, unless the identity it was asked for has been replaced meanwhile.
-        accessProvider_->getAccess(
+        // goes on, unless the identity it was asked for has been replaced meanwhile. A host's executor that
+        // drops the call unanswered (or throws on it) ends the login with an error.
+        const auto appId = identityStore_.appId();
+        accessProvider_->getAccess(platform::calledOrDropped<Result<Access>>(
             [login, store = identityStore_, forUuid = identityStore_.currentUuid()](Result<Access> access) {
                 if (access.isSuccess()) {
                     (void)store.storeAccess(access.value().authentication.access_token,
                                             access.value().authentication.user_id, forUuid);
                 }
-                {
-                    std::lock_guard lock(pendingLoginsMutex());
-                    if (const auto it = pendingLogins().find(store.appId());
-                        it != pendingLogins().end() && it->second == login) {
-                        pendingLogins().erase(it);
-                    }
-                }
-                {
-                    std::lock_guard lock(login->mutex);
-                    login->outcome = std::move(access);
-                }
-                login->done.leave();
-            });
+                finish(login, store.appId(), std::move(access));
+            },
+            [login, appId] {
+                finish(login, appId,
+                       Result<Access>::error(platform::URLError::make(
+                           errors::url::cancelled, {}, "the access call ended without an answer")));
+            }));
     }
     login->done.wait();
     std::lock_guard lock(login->mutex);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "velmora/Errors.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/support/CoreLogger.h"
 
@@ -170,7 +171,20 @@ Result<platform::URLRequest> NetworkClient::intercept(const platform::URLRequest
             if (logging) {
                 CoreLogger::verbose("Calling interceptor " + interceptor->description());
             }
-            current = interceptor->intercept(std::move(current), interceptors.interceptorGroup);
+            // A host's interceptor (or the executor an interceptor's own call goes through) that throws halts
+            // the chain with an error: the request must still end.
+            std::string failure;
+            try {
+                current = interceptor->intercept(std::move(current), interceptors.interceptorGroup);
+                return;
+            } catch (const std::exception& thrown) {
+                failure = thrown.what();
+            } catch (...) {
+                failure = "an exception of an unknown type";
+            }
+            current = Result<platform::URLRequest>::error(
+                platform::URLError::make(errors::url::unknown, request.url.absoluteString(),
+                                         "a request interceptor failed: " + failure));
         });
     }
     return current;

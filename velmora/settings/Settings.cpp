@@ -1,6 +1,7 @@
 #include "velmora/settings/Settings.h"
 
 #include "velmora/network/ProviderService.h"
+#include "velmora/platform/CalledOrDropped.h"
 #include "velmora/settings/SettingsRequestInterceptor.h"
 #include "velmora/support/CoreLogger.h"
 #include "velmora/support/DateStringParser.h"
@@ -201,12 +202,15 @@ Result<platform::URLRequest> SettingsRequestInterceptor::intercept(Result<platfo
                                                                    const platform::DispatchGroup& group) {
     if (needToFetchSettings()) {
         group.enter();
-        settingsProvider_->getSettings<CoreSettings>([group](CoreSettings settings) {
-            if (CoreLogger::isLogging(LogLevel::verbose)) {
-                CoreLogger::verbose("Settings interceptor retrived settings: " + settings.description());
-            }
-            group.leave();
-        });
+        // A host's executor that drops the settings call unanswered lets the chain go on without them.
+        settingsProvider_->getSettings<CoreSettings>(platform::calledOrDropped<CoreSettings>(
+            [group](CoreSettings settings) {
+                if (CoreLogger::isLogging(LogLevel::verbose)) {
+                    CoreLogger::verbose("Settings interceptor retrived settings: " + settings.description());
+                }
+                group.leave();
+            },
+            [group] { group.leave(); }));
         group.wait();
     } else {
         CoreLogger::verbose("Settings interceptor found valid settings");
