@@ -1,8 +1,13 @@
 // A hostile account server and a careless host, end to end; the wire is read from the local server's record.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 #include "tests/support/ServerTest.h"
 #include "velmora/Velmora.h"
+#include "velmora/network/ProviderService.h"
+#include "velmora/platform/NotificationCenter.h"
 #include "velmora/storage/SessionStore.h"
 
 namespace velmora::testing {
@@ -181,6 +186,59 @@ TEST_F(HostileInputTest, AFailedAnswerThatIsNoRecordCarriesItsStatus) {
         ASSERT_TRUE(user.isError());
         EXPECT_EQ(user.error().userInfo().value(std::string(errors::httpStatusCodeKey), 0), status)
             << "a host can tell a " << status << " from a malformed record";
+    }
+}
+
+// What the host installed is let go outside the library's locks: its destructor may use the library.
+TEST_F(HostileInputTest, WhatTheHostReplacesIsReleasedOutsideTheLibrarysLocks) {
+    struct UsesLibraryWhenReleased {
+        std::function<void()> use;
+        ~UsesLibraryWhenReleased() { use(); }
+    };
+    struct Executor : DefaultRequestExecutor {
+        UsesLibraryWhenReleased release{[] { (void)ExecutorConfig::executor(); }};
+    };
+    struct Logger : ConsoleLogger {
+        UsesLibraryWhenReleased release{[] { (void)LoggerConfig::logger(); }};
+    };
+    auto& center = platform::NotificationCenter::defaultCenter();
+    const std::vector<std::pair<std::string, std::function<void()>>> replacements = {
+        {"executor",
+         [] {
+             ExecutorConfig::setExecutor(std::make_shared<Executor>());
+             ExecutorConfig::setExecutor(nullptr);
+         }},
+        {"logger",
+         [] {
+             LoggerConfig::setLogger(std::make_shared<Logger>());
+             LoggerConfig::setLogger(nullptr);
+         }},
+        {"environment",
+         [this] {
+             auto installed = environment;
+             installed.mainExecutor = [release = std::make_shared<UsesLibraryWhenReleased>([] {
+                                           (void)platform::Environment::current();
+                                       })](auto job) { job(); };
+             platform::Environment::install(std::move(installed));
+             platform::Environment::install(environment);
+         }},
+        {"observer",
+         [&center] {
+             center.removeObserver(
+                 center.addObserver("n", [release = std::make_shared<UsesLibraryWhenReleased>(
+                                              [&center] { center.removeObserver(0); })](const auto&) {}));
+         }},
+    };
+    for (const auto& [what, replace] : replacements) {
+        const auto done = std::make_shared<std::atomic<bool>>(false);
+        std::thread([replace, done] {
+            replace();
+            *done = true;
+        }).detach();
+        for (int i = 0; i < 300 && !*done; ++i) {
+            std::this_thread::sleep_for(10ms);
+        }
+        EXPECT_TRUE(*done) << what;
     }
 }
 

@@ -93,9 +93,10 @@ std::shared_ptr<ExecutorType> ExecutorConfig::executor() {
 }
 
 void ExecutorConfig::setExecutor(std::shared_ptr<ExecutorType> executor) {
+    auto replacement = executor ? std::move(executor) : std::make_shared<DefaultRequestExecutor>();
     auto& slot = executorSlot();
     std::lock_guard lock(slot.mutex);
-    slot.executor = executor ? std::move(executor) : std::make_shared<DefaultRequestExecutor>();
+    std::swap(slot.executor, replacement);  // the old one goes after the lock: its destructor is the host's
 }
 
 void ExecutorConfig::perform(const ProviderService& service, TaskCompletion callback) {

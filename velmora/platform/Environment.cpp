@@ -66,7 +66,7 @@ void Environment::install(Environment environment) {
     auto shared = std::make_shared<const Environment>(std::move(environment));
     auto& state = installed();
     std::lock_guard lock(state.mutex);
-    state.environment = std::move(shared);
+    std::swap(state.environment, shared);  // the old one goes after the lock: it holds the host's functions
 }
 
 }  // namespace velmora::platform

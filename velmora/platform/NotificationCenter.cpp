@@ -17,8 +17,14 @@ NotificationCenter::ObserverToken NotificationCenter::addObserver(std::string na
 }
 
 void NotificationCenter::removeObserver(ObserverToken token) {
+    std::vector<Entry> removed;  // destroyed after the lock: an observer is the host's code
     std::lock_guard lock(mutex_);
-    std::erase_if(entries_, [token](const Entry& entry) { return entry.token == token; });
+    const auto it = std::find_if(entries_.begin(), entries_.end(),
+                                 [token](const Entry& entry) { return entry.token == token; });
+    if (it != entries_.end()) {
+        removed.push_back(std::move(*it));
+        entries_.erase(it);
+    }
 }
 
 void NotificationCenter::post(std::string name, std::any object, nlohmann::json userInfo) {

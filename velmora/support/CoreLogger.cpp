@@ -64,7 +64,7 @@ void LoggerConfig::setLogger(std::shared_ptr<LoggerType> logger) {
     }
     auto& slot = sinkSlot();
     std::lock_guard lock(slot.mutex);
-    slot.logger = std::move(logger);
+    std::swap(slot.logger, logger);  // the old one goes after the lock: its destructor is the host's
 }
 
 void CoreLogger::emit(LogLevel level, std::string_view message) {
