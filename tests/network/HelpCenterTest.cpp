@@ -166,6 +166,14 @@ TEST_F(HelpCenterTest, RegisteredProtocolsAnswerInPlaceOfTheNetworkLatestFirstAn
     URLConnection::start(URLRequest(*URL::fromString("http://canned.invalid/throw")), failing);
     EXPECT_TRUE(eventually([&] { return failing->events == 1; }));
     EXPECT_TRUE(eventually([] { return Canned::stops == 5; }));
+
+    // A delegate that throws at the end still has its load ended and the protocol stopped.
+    struct ThrowingAtTheEnd : Counting {
+        void didFinishLoading(URLConnection&) override { throw std::runtime_error("host"); }
+    };
+    URLConnection::start(URLRequest(*URL::fromString("http://canned.invalid/page")),
+                         std::make_shared<ThrowingAtTheEnd>());
+    EXPECT_TRUE(eventually([] { return Canned::stops == 6; }));
 }
 
 }  // namespace

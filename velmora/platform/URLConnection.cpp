@@ -260,7 +260,16 @@ void URLConnection::post(std::function<void(URLConnection&, URLConnectionDelegat
             return;
         }
         const auto delegate = self->delegate_;
-        event(*self, *delegate);
+        try {
+            event(*self, *delegate);
+        } catch (...) {
+            // The host's delegate threw (the queue logs it): the load ends here all the same, its protocol
+            // stopped, rather than keep itself alive for good.
+            if (!self->ended_) {
+                self->end(true);
+            }
+            throw;
+        }
         if (last && !self->ended_) {
             self->end(false);
         }
