@@ -272,6 +272,15 @@ TEST(URLTest, OnlyAbsoluteUrlsParseAndTheTextIsKeptAsGiven) {
           "http://a.com/?q=a b", "http://a.com/?q=\x01", "http://a.com/#\x7f", "http://a.com/p\tq"}) {
         EXPECT_FALSE(URL::fromString(bad).has_value()) << bad;
     }
+    // Appending keeps the origin: only a path may follow, and only to a URL without query or fragment.
+    const auto base = URL::fromString("https://acme.velmora.com:8443").value();
+    const auto appended = base.appending("/api/x.json?tags=a#f");
+    EXPECT_EQ(std::pair(appended->absoluteString(), appended->origin()),
+              std::pair(std::string("https://acme.velmora.com:8443/api/x.json?tags=a#f"), base.origin()));
+    for (const char* refused : {"", "x.json", "@other.net/", ".other.net/", "/a b", "/\x01"}) {
+        EXPECT_FALSE(base.appending(refused).has_value()) << refused;
+    }
+    EXPECT_FALSE(appended->appending("/more").has_value());
     EXPECT_EQ(HTTPURLResponse::localizedString(418), "client error");
 }
 

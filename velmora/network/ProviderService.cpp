@@ -15,7 +15,15 @@ Error toError(const SDKError&) {
 }
 
 Result<platform::URL> resourceURL(const std::string& accountUrl, std::string_view path) {
-    auto url = platform::URL::fromString(accountUrl + std::string(path));
+    // Every request forms its URL here: the account URL is parsed once per thread, not once per request.
+    thread_local std::optional<platform::URL> base;
+    if (!base || base->absoluteString() != accountUrl) {
+        base = platform::URL::fromString(accountUrl);
+    }
+    auto url = base ? base->appending(path) : std::nullopt;
+    if (!url) {
+        url = platform::URL::fromString(accountUrl + std::string(path));
+    }
     if (!url) {
         return Result<platform::URL>::error(platform::URLError::make(
             errors::url::badURL, {},

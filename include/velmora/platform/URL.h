@@ -14,6 +14,10 @@ class VELMORA_EXPORT URL {
   public:
     // Nothing when the text is not an absolute URL with a scheme and a host.
     static std::optional<URL> fromString(std::string_view text);
+    // This URL with `suffix` added to its text, without parsing the whole again: when this URL has no query
+    // or fragment and the suffix begins a path (so the scheme, host and port stay what they are). Nothing
+    // when that is not so, or when fromString would refuse the text.
+    std::optional<URL> appending(std::string_view suffix) const;
 
     const std::string& absoluteString() const { return text_; }
     const std::string& scheme() const { return scheme_; }
