@@ -36,13 +36,6 @@ Loaded load(URLRequest request) {
     return loaded.wait();
 }
 
-bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 500 && !condition(); ++i) {
-        std::this_thread::sleep_for(10ms);
-    }
-    return condition();
-}
-
 // Answers requests to canned.invalid itself, through the canonical form of the request; "/hang" never, and
 // "/throw" throws, as a careless host's protocol may.
 struct Canned : URLProtocol {

@@ -5,9 +5,9 @@
 #include <atomic>
 #include <ctime>
 #include <fstream>
-#include <thread>
 #include <tuple>
 
+#include "tests/support/Awaited.h"
 #include "tests/support/LibraryTest.h"
 
 namespace velmora::testing {
@@ -117,15 +117,7 @@ TEST_F(URLCacheTest, AHostsLogSinkMayUseTheCacheWhileTheCacheReportsAProblem) {
         }
     };
     platform::Environment::install(environment);
-    auto stored = std::make_shared<std::atomic<bool>>(false);
-    std::thread([cache, stored] {
-        store(*cache, "/a", 100);
-        *stored = true;
-    }).detach();
-    for (int i = 0; i < 500 && !*stored; ++i) {
-        std::this_thread::sleep_for(10ms);
-    }
-    ASSERT_TRUE(*stored) << "the store never returned";
+    ASSERT_TRUE(returnsWithin([cache] { store(*cache, "/a", 100); }));
     EXPECT_EQ(reported.load(), 1);
     EXPECT_TRUE(has(*cache, "/a")) << "kept in memory";
     delete cache;

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <thread>
 
 #include "tests/support/ServerTest.h"
@@ -96,15 +95,7 @@ TEST_F(SettingsTest, TheInterceptorFetchesOnlyWhileNoneAreStoredAndLeavesTheRequ
     auto interceptor = std::make_shared<SettingsRequestInterceptor>(
         SettingsStore("app"), std::make_shared<SettingsProvider>(details),
         IntervalValidator{3600, Date::now()});
-    const auto done = std::make_shared<std::atomic<bool>>(false);
-    std::thread([interceptor, request, done] {
-        (void)interceptor->intercept(request, {});
-        *done = true;
-    }).detach();
-    for (int i = 0; i < 500 && !*done; ++i) {
-        std::this_thread::sleep_for(10ms);
-    }
-    EXPECT_TRUE(*done);
+    EXPECT_TRUE(returnsWithin([interceptor, request] { (void)interceptor->intercept(request, {}); }));
     ExecutorConfig::setExecutor(nullptr);
 }
 

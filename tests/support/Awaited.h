@@ -1,9 +1,13 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 #include "velmora/platform/Dispatch.h"
 
@@ -41,5 +45,27 @@ class Awaited {
     std::optional<T> value_;
     bool onMain_ = false;
 };
+
+// Whether `condition` holds within `limit`, asked every 10 ms.
+inline bool eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+    for (auto waited = std::chrono::milliseconds(0); waited < limit && !condition();
+         waited += std::chrono::milliseconds(10)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return condition();
+}
+
+// Whether `work`, run on a thread of its own, returns within `limit`. Work that hangs is left behind on its
+// thread, so it must hold by value whatever it uses.
+inline bool returnsWithin(std::function<void()> work,
+                          std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+    const auto done = std::make_shared<std::atomic<bool>>(false);
+    std::thread([work = std::move(work), done] {
+        work();
+        *done = true;
+    }).detach();
+    return eventually([&] { return done->load(); }, limit);
+}
 
 }  // namespace velmora::testing

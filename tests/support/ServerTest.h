@@ -26,9 +26,7 @@ class ServerTest : public LibraryTest {
     }
     // Waits (up to five seconds) for a log line starting with `prefix`; how many there are then.
     std::size_t awaitLinesStartingWith(const std::string& prefix) const {
-        for (int i = 0; i < 500 && logs->linesStartingWith(prefix).empty(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        (void)eventually([&] { return !logs->linesStartingWith(prefix).empty(); });
         return logs->linesStartingWith(prefix).size();
     }
 
