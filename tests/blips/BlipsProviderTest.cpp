@@ -96,6 +96,8 @@ class BlipsProviderTest : public ServerTest {
     }
 };
 
+// Events never log in (VelmoraTest's relaunch sends its init event with no token and makes no other request);
+// here, that a token held is not sent with them either.
 TEST_F(BlipsProviderTest, OnlyPermittedGroupsAreSentAndEventsNeverLogIn) {
     storePermissions(false);
     identity->update(IdentityStore::authTokenKey, "secret");
@@ -108,7 +110,6 @@ TEST_F(BlipsProviderTest, OnlyPermittedGroupsAreSentAndEventsNeverLogIn) {
     ASSERT_EQ(sent.size(), 1u) << "the behavioural event is dropped";
     EXPECT_EQ(sent[0].header("Authorization"), std::nullopt);
     EXPECT_EQ(sent[0].header("Client-Identifier"), "client");
-    EXPECT_TRUE(server.requests("POST", "/access/sdk/anonymous").empty());
     const auto event = server.state()["events"].at(0);
     EXPECT_EQ(json({event["uuid"], event["userAction"]["action"]}), json({identity->uuid(), "PushOn"}));
 

@@ -31,7 +31,7 @@ class CliTest : public ServerTest {
     // One launch of the host app for the account on `server`, with its state in this test's directories;
     // `command` may begin with more options.
     ProcessRun velmora(const std::vector<std::string>& command) {
-        std::vector<std::string> arguments = launcher;
+        std::vector<std::string> arguments;
         arguments.insert(arguments.end(), {VELMORA_CLI_PATH, "--app-id", "app", "--client-id", "client",
                                            "--url", server.url(), "--data-dir", (root / "cli-data").string(),
                                            "--cache-dir", (root / "cli-cache").string()});
@@ -44,16 +44,22 @@ class CliTest : public ServerTest {
         EXPECT_EQ(run.exitCode, 0) << run.err;
         return json::parse(run.out, nullptr, false);
     }
-    std::vector<std::string> launcher;  // what runs the command-line host, when not itself
 };
 
-// The last launches switch accounts: the unregistration is checked at once, as the process waited for it.
+// A help-centre page carries the token once a login has stored one. The last launches switch accounts: that
+// the process waited for the unregistration shows in its log (that it is sent once: VelmoraTest).
 TEST_F(CliTest, StateCarriesOverBetweenLaunchesLoginHappensOnceAndAWarmSwitchUnregisters) {
     EXPECT_EQ(succeeded({"identity", "anonymous", "--name", "Ann", "--email", "ann@example.com"}),
               json::object());
     EXPECT_TRUE(server.requests().empty()) << "login is lazy";
     EXPECT_TRUE(succeeded({"identity", "show"})["anonymous"]["guid"].is_string());
+    const auto article = server.url() + "/hc/articles/1";
+    auto guest = succeeded({"helpcenter", "get", article});
+    EXPECT_EQ(json({guest.size(), guest["status"]}), json({2, 401})) << "any HTTP answer succeeds: " << guest;
     EXPECT_EQ(succeeded({"user", "get"})["name"], "Ann");
+    auto member = succeeded({"helpcenter", "get", article});
+    EXPECT_EQ(member["status"], 200);
+    EXPECT_NE(member["body"].get<std::string>().find("<h1>Getting started</h1>"), std::string::npos);
     EXPECT_EQ(succeeded({"user", "tags", "add", "vip", "big spender"})["tags"], json({"vip", "big spender"}));
     EXPECT_EQ(succeeded({"user", "fields", "set", "plan=gold", "seats=3", "note={\"a\""})["user_fields"],
               json({{"plan", "gold"}, {"seats", "3"}, {"note", "{\"a\""}}));
@@ -68,7 +74,6 @@ TEST_F(CliTest, StateCarriesOverBetweenLaunchesLoginHappensOnceAndAWarmSwitchUnr
     const auto switched = velmora({"--log-level", "debug", "reinit", "--app-id", "app-2", "--client-id",
                                    "client-2", "--url", other.url()});
     ASSERT_EQ(switched.exitCode, 0) << switched.err;
-    EXPECT_EQ(server.requests("DELETE", "/api/mobile/push_notification_devices/device-1.json").size(), 1u);
     EXPECT_NE(switched.err.find("[DEBUG]: Push unregistration successful"), std::string::npos);
     EXPECT_EQ(velmora({"init"}).err, "") << "the logger is off unless asked for";
 }
@@ -101,38 +106,15 @@ TEST_F(CliTest, FailuresPrintTheErrorAndUsageAndTimeOutsHaveTheirOwnCodes) {
     const auto slow = velmora({"--timeout", "0.5", "user", "get"});
     EXPECT_EQ(std::pair(slow.exitCode, slow.err.find("timed out") != std::string::npos), std::pair(3, true))
         << slow.err;
-}
-
-TEST_F(CliTest, AChangeTheDiskRefusesFailsTheCommandAndKeepsTheOldState) {
-    // Grows the write-ahead log past the 32 KiB index sized on open, then caps files there, as a full disk.
-    for (const char* name : {"Ann1", "Ann2", "Ann3", "Ann"}) {
-        succeeded({"identity", "anonymous", "--name", name});
-    }
-    std::uintmax_t largest = 32768;
-    for (const auto& file : std::filesystem::directory_iterator(root / "cli-data")) {
-        largest = std::max(largest, file.file_size());
-    }
-    launcher = {"/bin/sh", "-c",
-                "trap '' XFSZ && exec prlimit --fsize=" + std::to_string(largest) + " \"$@\"", "sh"};
-    const auto refused = velmora({"identity", "anonymous", "--name", "Bob"});
-    EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_NE(refused.err.find("the identity could not be stored"), std::string::npos) << refused.err;
-    launcher.clear();
-    EXPECT_EQ(succeeded({"identity", "show"})["anonymous"]["name"], "Ann");
-}
-
-TEST_F(CliTest, AHelpCentrePageCarriesTheTokenOnceThereIsOneAndATransportErrorFails) {
-    const auto article = server.url() + "/hc/articles/1";
-    auto guest = succeeded({"helpcenter", "get", article});
-    EXPECT_EQ(json({guest.size(), guest["status"]}), json({2, 401})) << "any HTTP answer succeeds: " << guest;
-    succeeded({"identity", "anonymous", "--name", "Ann"});
-    succeeded({"user", "get"});  // logs in: now there is a token to carry
-    auto member = succeeded({"helpcenter", "get", article});
-    EXPECT_EQ(member["status"], 200);
-    EXPECT_NE(member["body"].get<std::string>().find("<h1>Getting started</h1>"), std::string::npos);
     const auto unreachable = velmora({"helpcenter", "get", "http://127.0.0.1:1/hc/"});
     EXPECT_EQ(json({unreachable.exitCode, unreachable.errJson()["domain"]}), json({1, "NSURLErrorDomain"}))
         << unreachable.err;
+    // A change the library does not store fails the command: here text that is not UTF-8; a full disk, which
+    // the library reports the same way, is SharedStorageTest's.
+    const auto refused = velmora({"identity", "anonymous", "--name", "\xff"});
+    EXPECT_EQ(json({refused.exitCode, refused.errJson()["description"]}),
+              json({1, "the identity could not be stored"}))
+        << refused.err;
 }
 
 TEST_F(CliTest, TheExampleRunsAgainstTheLocalAccount) {

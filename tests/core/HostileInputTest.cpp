@@ -198,37 +198,27 @@ TEST_F(HostileInputTest, WhatTheHostReplacesIsReleasedOutsideTheLibrarysLocks) {
     struct Logger : ConsoleLogger {
         UsesLibraryWhenReleased release{[] { (void)LoggerConfig::logger(); }};
     };
-    auto& center = platform::NotificationCenter::defaultCenter();
-    const std::vector<std::pair<std::string, std::function<void()>>> replacements = {
-        {"executor",
-         [] {
-             ExecutorConfig::setExecutor(std::make_shared<Executor>());
-             ExecutorConfig::setExecutor(nullptr);
-         }},
-        {"logger",
-         [] {
-             LoggerConfig::setLogger(std::make_shared<Logger>());
-             LoggerConfig::setLogger(nullptr);
-         }},
-        {"environment",
-         [this] {
-             auto installed = environment;
-             installed.mainExecutor = [release = std::make_shared<UsesLibraryWhenReleased>([] {
-                                           (void)platform::Environment::current();
-                                       })](auto job) { job(); };
-             platform::Environment::install(std::move(installed));
-             platform::Environment::install(environment);
-         }},
-        {"observer",
-         [&center] {
-             center.removeObserver(
-                 center.addObserver("n", [release = std::make_shared<UsesLibraryWhenReleased>(
-                                              [&center] { center.removeObserver(0); })](const auto&) {}));
-         }},
-    };
-    for (const auto& [what, replace] : replacements) {
-        EXPECT_TRUE(returnsWithin(replace)) << what;
-    }
+    EXPECT_TRUE(returnsWithin([] {
+        ExecutorConfig::setExecutor(std::make_shared<Executor>());
+        ExecutorConfig::setExecutor(nullptr);
+    })) << "the executor";
+    EXPECT_TRUE(returnsWithin([] {
+        LoggerConfig::setLogger(std::make_shared<Logger>());
+        LoggerConfig::setLogger(nullptr);
+    })) << "the logger";
+    // Each hook below is moved into what the library holds, so that only the library lets it go.
+    EXPECT_TRUE(returnsWithin([host = environment] {
+        auto hook = std::make_shared<UsesLibraryWhenReleased>([] { (void)platform::Environment::current(); });
+        auto installed = host;
+        installed.mainExecutor = [release = std::move(hook)](auto job) { job(); };
+        platform::Environment::install(std::move(installed));
+        platform::Environment::install(host);
+    })) << "the environment";
+    EXPECT_TRUE(returnsWithin([] {
+        auto& center = platform::NotificationCenter::defaultCenter();
+        auto hook = std::make_shared<UsesLibraryWhenReleased>([&center] { center.removeObserver(0); });
+        center.removeObserver(center.addObserver("n", [release = std::move(hook)](const auto&) {}));
+    })) << "an observer";
 }
 
 TEST_F(HostileInputTest, InitializeRefusesAccountUrlsThatAreNoPlainBase) {

@@ -77,7 +77,6 @@ TEST_F(HelpCenterTest, OnlyAccountPagesWithoutAuthorizationGetTheTokenAndEachIsS
     CoreLogger::setLogLevel(LogLevel::verbose);
     URLProtocol::registerClass<VMKAuthenticationURLProtocol>();
     const auto page = server.url() + "/hc/";
-    const auto upperCase = "HTTP" + page.substr(4);
     // What, whether initialised, the user's token, the URL, the request's own headers, the "Authorization"
     // the account received.
     const std::vector<std::tuple<const char*, bool, Text, std::string, HTTPHeaderFields, Text>> cases = {
@@ -86,7 +85,7 @@ TEST_F(HelpCenterTest, OnlyAccountPagesWithoutAuthorizationGetTheTokenAndEachIsS
         {"empty token", true, "", page, {}, std::nullopt},
         {"token", true, "tok", page, {}, "Bearer tok"},
         {"own header", true, "tok", page, {{"Authorization", "Basic host"}}, "Basic host"},
-        {"URL differing in case", true, "tok", upperCase, {}, std::nullopt},
+        {"URL differing in case", true, "tok", "HTTP" + page.substr(4), {}, std::nullopt},
     };
     for (const auto& [what, initialised, token, url, headers, received] : cases) {
         SCOPED_TRACE(what);
@@ -111,10 +110,8 @@ TEST_F(HelpCenterTest, OnlyAccountPagesWithoutAuthorizationGetTheTokenAndEachIsS
     URLRequest marked(*URL::fromString(page));
     URLProtocol::setProperty(false, VMKAuthenticationURLProtocol::handledKey, marked);
     EXPECT_FALSE(VMKAuthenticationURLProtocol::canInit(marked)) << "marked as handled, whatever the value";
-}
 
-// The account URL as a text prefix also begins other origins' URLs: the token goes to none of them.
-TEST_F(HelpCenterTest, URLsOfAnotherOriginThatBeginWithTheAccountURLGetNoToken) {
+    // The account URL as a text prefix also begins other origins' URLs: the token goes to none of them.
     Velmora::initialize("app", "client", "https://acme.example.com");
     identity->update(IdentityStore::authTokenKey, PropertyValue("tok"));
     for (const std::string url :
@@ -164,8 +161,7 @@ TEST_F(HelpCenterTest, RegisteredProtocolsAnswerInPlaceOfTheNetworkLatestFirstAn
     struct ThrowingAtTheEnd : Counting {
         void didFinishLoading(URLConnection&) override { throw std::runtime_error("host"); }
     };
-    URLConnection::start(URLRequest(*URL::fromString("http://canned.invalid/page")),
-                         std::make_shared<ThrowingAtTheEnd>());
+    URLConnection::start(request, std::make_shared<ThrowingAtTheEnd>());
     EXPECT_TRUE(eventually([] { return Canned::stops == 6; }));
 }
 

@@ -108,33 +108,31 @@ TEST_F(NetworkClientTest, ARequestCarriesTheSharedHeadersAndItsChunksArriveWhole
     EXPECT_EQ(counting->chunks.size(), 3u) << "a transport error before any response is not intercepted";
 }
 
-TEST_F(NetworkClientTest, TheCallbackReporterGetsTheExpectedTotalThenTheSentTotal) {
-    // Reported on the session's thread before it completes the task: read once the completion has run.
+// Host code run on the session's thread: the callback reporter gets the expected total, then the sent one,
+// before the task completes (so they are read once the completion has run). Such code that throws (a
+// reporter, a kit's response interceptor) ends its own request with an error; a completion that throws still
+// lets its request count as done.
+TEST_F(NetworkClientTest, AReporterGetsBothTotalsAndHostCodeThatThrowsEndsOnlyItsOwnRequest) {
     std::vector<std::pair<std::int64_t, std::int64_t>> reports;
     const std::int64_t size = 300 * 1024;
+    const auto body = Data::fromString(std::string(size, 'b'));
     const auto reporter = Reporter::callback(
         [&](std::int64_t expected, std::int64_t sent) { reports.emplace_back(expected, sent); });
-    const auto body = Data::fromString(std::string(size, 'b'));
     EXPECT_FALSE(perform(service("/upload", HttpMethod::put, {}, {}, reporter, body)).error.has_value());
     ASSERT_FALSE(reports.empty());
     EXPECT_EQ(reports.back(), std::pair(size, size));
     for (std::size_t i = 1; i < reports.size(); ++i) {
         EXPECT_GT(reports[i].second, reports[i - 1].second);
     }
-}
 
-// Host code run on the session's thread (a progress reporter, a kit's response interceptor) that throws ends
-// its own request with an error; a completion that throws still lets its request count as done.
-TEST_F(NetworkClientTest, HostCodeThatThrowsEndsOnlyItsOwnRequest) {
     struct Throwing : HTTPResponseInterceptor {
         void intercept(const std::optional<Data>&, const std::shared_ptr<const HTTPURLResponse>&,
                        const std::optional<Error>&) override {
             throw std::runtime_error("kit");
         }
     };
-    const auto reporter = Reporter::callback([](std::int64_t, std::int64_t) { throw 7; });
-    const auto body = Data::fromString(std::string(64 * 1024, 'b'));
-    for (const auto& thrower : {service("/upload", HttpMethod::put, {}, {}, reporter, body),
+    const auto throwing = Reporter::callback([](std::int64_t, std::int64_t) { throw 7; });
+    for (const auto& thrower : {service("/upload", HttpMethod::put, {}, {}, throwing, body),
                                 service("/x", HttpMethod::get, {}, {std::make_shared<Throwing>()})}) {
         const auto outcome = perform(thrower);
         EXPECT_EQ(outcome.error ? outcome.error->code() : 0, errors::url::unknown);

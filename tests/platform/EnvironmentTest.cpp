@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <tuple>
 
 #include "tests/support/LibraryTest.h"
 #include "velmora/platform/DeviceFacts.h"
@@ -66,10 +67,10 @@ TEST(EnvironmentTest, TheKernelReadingsAreThoseOfARunningProcess) {
 
 using FileManagerTest = LibraryTest;
 
+// Hidden directories are seen to be skipped too in StoresTest, when the cache directory is cleared.
 TEST_F(FileManagerTest, FileListingsSkipHiddenEntriesRemovalTakesEverythingAndFailuresAreReadable) {
     const auto dir = root / "listing";
     fs::create_directories(dir / "sub" / "deep");
-    fs::create_directories(dir / ".git");
     for (const char* name : {"a.txt", ".hidden", "sub/deep/b.txt"}) {
         std::ofstream(dir / name) << "x";
     }
@@ -79,8 +80,7 @@ TEST_F(FileManagerTest, FileListingsSkipHiddenEntriesRemovalTakesEverythingAndFa
     EXPECT_EQ(FileManager::removeItem(dir), std::nullopt);
     EXPECT_EQ(FileManager::removeItem(dir), std::nullopt) << "removing what is gone already is no failure";
     const auto missing = FileManager::contentsOfDirectory(dir).error();  // ENOENT: the removal took it all
-    EXPECT_EQ(missing.domain(), "NSPOSIXErrorDomain");
-    EXPECT_EQ(missing.code(), ENOENT);
+    EXPECT_EQ(std::tuple(missing.domain(), missing.code()), std::tuple("NSPOSIXErrorDomain", ENOENT));
     std::ofstream(root / "file") << "x";
     EXPECT_EQ(FileManager::contentsOfDirectory(root / "file").error().localizedDescription(),
               "Could not view \u201cfile\u201d: Not a directory.");

@@ -25,14 +25,12 @@ namespace {
 
 using namespace platform;
 
-TEST(ResultTest, MapAndFlatMapTransformSuccessesAndPassErrorsThrough) {
+// map, to another type, on a success and on an error, is checked through AccessRecordsTest's decoding.
+TEST(ResultTest, FlatMapTransformsSuccessesAndPassesTheFirstErrorThrough) {
     using R = Result<int>;
-    using S = Result<std::string>;
     const auto failure = Error("com.velmora.tests", 7), odd = Error("d", 1);
     const auto ok = R::success(20), bad = R::error(failure);
-    const auto twice = [](int v) { return std::to_string(v * 2); };
     const auto half = [&](int v) { return v % 2 ? R::error(odd) : R::success(v / 2); };
-    EXPECT_EQ(std::tuple(ok.map(twice), bad.map(twice)), std::tuple(S::success("40"), S::error(failure)));
     // With an error, the first one wins and the transform never runs.
     EXPECT_EQ(std::tuple(ok.flatMap(half), R::success(3).flatMap(half), bad.flatMap(half)),
               std::tuple(R::success(10), R::error(odd), R::error(failure)));
@@ -90,9 +88,7 @@ TEST(UuidTest, IsUpperCaseVersion4TextAndFreshEachTime) {
 TEST(DateFormatterTest, FormatsInGmtParsesWhatItFormatsAndRejectsTextOffThePattern) {
     const auto& millis = DateStringParser::withMilliseconds();
     const auto& seconds = DateStringParser::withoutMilliseconds();
-    const auto date = Date::fromMillisecondsSince1970(1'795'289'368'005);
-    EXPECT_EQ(millis.string(date), "2026-11-21T19:29:28.005Z");
-    EXPECT_EQ(seconds.string(date), "2026-11-21T19:29:28Z");
+    // A plain date is formatted by both through BlipRecordsTest's timestamp and UserRecordsTest's fields.
     EXPECT_EQ(millis.string(Date::fromMillisecondsSince1970(-1)), "1969-12-31T23:59:59.999Z");
     EXPECT_EQ(seconds.string(Date::fromMillisecondsSince1970(951'782'400'000)), "2000-02-29T00:00:00Z");
 

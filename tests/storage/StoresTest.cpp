@@ -128,7 +128,8 @@ TEST_F(StoresTest, ClearingTheCacheDirectoryLogsOnlyRealFailures) {
                        "NSSearchPathForDirectoriesInDomains may have returned nil."));
 }
 
-TEST_F(StoresTest, TheAccountKeyJoinsUrlAndAppId) {
+// Details that are not text are never recorded, but a new account of them still wipes the storage.
+TEST_F(StoresTest, TheAccountKeyJoinsUrlAndAppIdAndDetailsThatAreNotTextAreNeverRecorded) {
     const ApplicationConfiguration details("app-1", "client-1", "https://acme.velmora.com");
     const AccountStore store;
     EXPECT_FALSE(store.storedAccount(details)) << "nothing recorded: no match";
@@ -139,21 +140,16 @@ TEST_F(StoresTest, TheAccountKeyJoinsUrlAndAppId) {
         << "URL a + app id bc is the same account as URL ab + app id c";
     EXPECT_FALSE(store.storedAccount(ApplicationConfiguration("app-2", "c", "https://acme.velmora.com")));
 
-    UserDefaults::suite(AccountStore::suite)->set("account-id", 7);
-    EXPECT_FALSE(store.storedAccount(details)) << "a record that is not text matches nothing";
-}
-
-TEST_F(StoresTest, DetailsThatAreNotTextAreNeverRecordedButANewAccountOfThemStillWipesTheStorage) {
-    const ApplicationConfiguration details("app", "client", "https://acme.velmora.com");
-    ASSERT_TRUE(AccountStore().store(details).isSuccess());
     const auto stores = std::make_shared<Stores>("app");
     ASSERT_TRUE(stores->sessionStore().store(PropertyValue("tok"), "pushToken"));
-
     const auto broken = std::make_shared<ApplicationConfiguration>("app\xff", "client", "u");
-    EXPECT_TRUE(AccountStore().store(*broken).isError());
+    EXPECT_TRUE(store.store(*broken).isError());
     NewAccountStorageStrategy(broken, stores).execute();
     EXPECT_EQ(stores->sessionStore().pushToken(), std::nullopt);
-    EXPECT_TRUE(AccountStore().storedAccount(details)) << "the old record stays";
+    EXPECT_TRUE(store.storedAccount(details)) << "the old record stays";
+
+    UserDefaults::suite(AccountStore::suite)->set("account-id", 7);
+    EXPECT_FALSE(store.storedAccount(details)) << "a record that is not text matches nothing";
 
     EXPECT_TRUE(platform::isValidUtf8("plain caf\u00e9 \U0001F600"));
     for (const char* bad : {"\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xe2\x82", "\x80"}) {
