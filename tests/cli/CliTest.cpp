@@ -1,6 +1,5 @@
 // The command-line host and the example, run as separate processes the way a user runs them.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include "tests/support/PersistedDefaults.h"
 #include "tests/support/ServerTest.h"
@@ -11,20 +10,6 @@ namespace {
 using namespace std::chrono_literals;
 using mock::AccountServer;
 using nlohmann::json;
-
-struct ProcessRun {
-    int exitCode = -1;
-    std::string out;
-    std::string err;
-    json errJson() const { return json::parse(err, nullptr, false); }
-};
-
-ProcessRun runProgram(const std::filesystem::path& directory, std::vector<std::string> arguments) {
-    int status = 0;
-    const pid_t pid = spawnWithOutput(std::move(arguments), directory / "stdout", directory / "stderr");
-    const int exitCode = pid != 0 && ::waitpid(pid, &status, 0) == pid ? exitStatusOf(status) : -1;
-    return {exitCode, readFile(directory / "stdout"), readFile(directory / "stderr")};
-}
 
 class CliTest : public ServerTest {
   protected:

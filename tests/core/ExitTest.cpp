@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include "tests/support/LibraryTest.h"
 #include "tests/support/PersistedDefaults.h"
@@ -23,13 +22,9 @@ TEST_F(LibraryTest, AHostThatExitsWithRequestsInFlightNeverCrashes) {
         std::string failures;
         for (int run = 0; run < runs; ++run) {
             const auto data = root / (mode + std::to_string(run));
-            const pid_t pid = spawnWithOutput({VELMORA_EXIT_PROBE_PATH, server.url(), data.string(), mode},
-                                              root / "stdout", root / "stderr");
-            ASSERT_NE(pid, 0);
-            int status = 0;
-            ::waitpid(pid, &status, 0);
-            if (const int code = exitStatusOf(status); code != 0) {
-                failures += " " + std::to_string(code) + " " + readFile(root / "stderr");
+            const auto ran = runProgram(root, {VELMORA_EXIT_PROBE_PATH, server.url(), data.string(), mode});
+            if (ran.exitCode != 0) {
+                failures += " " + std::to_string(ran.exitCode) + " " + ran.err;
             }
         }
         EXPECT_EQ(failures, "") << mode << ": runs that ended badly (exit code, or 128 + the signal)";

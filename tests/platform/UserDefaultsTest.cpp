@@ -47,18 +47,18 @@ class UserDefaultsTest : public LibraryTest {
 // a new key set but never synchronized stays off the disk is checked on the file itself, below.
 TEST_F(UserDefaultsTest, AKilledProcessLeavesExactlyTheSynchronizedValuesOfEveryKind) {
     const auto expected = everyKind();
-    const int status = runInChild([&] {
+    const int status = waitForChild(forkChild([&] {
         const auto killed = suite("kill");
         killed->set("value", expected);
         killed->set("kept", "synchronized");
         killed->set("overwritten", 1);
         if (!killed->synchronize()) {
-            std::_Exit(1);
+            return 1;
         }
         killed->set("overwritten", 2);
         killed->removeObject("kept");
-        ::raise(SIGKILL);
-    });
+        return ::raise(SIGKILL);
+    }));
     ASSERT_EQ(status, 128 + SIGKILL);
 
     const auto read = suite("kill");

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <random>
@@ -22,20 +21,6 @@ namespace {
 
 using Dictionary = PropertyValue::Dictionary;
 constexpr const char* accountUrl = "http://127.0.0.1:9";  // never reached: nothing here makes a request
-
-pid_t forkChild(const std::function<int()>& body) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        std::_Exit(body());
-    }
-    return child;
-}
-
-int waitForChild(pid_t child) {
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return exitStatusOf(status);
-}
 
 class SharedStorageTest : public LibraryTest {
   protected:
@@ -165,7 +150,7 @@ TEST_F(SharedStorageTest, AKillAtAnyMomentLeavesTheStateBeforeOrAfterTheChange) 
 }
 
 TEST_F(SharedStorageTest, AChangeTheDiskRefusesKeepsTheOldIdentityAndIsReported) {
-    const int status = runInChild([&] {
+    const int status = waitForChild(forkChild([&] {
         Velmora::initialize("app", "client", accountUrl);
         const auto velmora = Velmora::instance();
         velmora->setIdentity(Identity::createAnonymous("Ann", std::nullopt));
@@ -176,8 +161,8 @@ TEST_F(SharedStorageTest, AChangeTheDiskRefusesKeepsTheOldIdentityAndIsReported)
         const bool keptInMemory = velmora->identity() == Identity::createAnonymous("Ann");
         // Logged at error level, by the logger or by the store.
         const bool logged = std::ranges::count(logs->levels(), LogLevel::error) > 0;
-        std::_Exit((keptInMemory ? 0 : 1) | (logged ? 0 : 2) | (reported ? 0 : 4));
-    });
+        return (keptInMemory ? 0 : 1) | (logged ? 0 : 2) | (reported ? 0 : 4);
+    }));
     EXPECT_EQ(status, 0) << "1: the process shows the change it did not store; 2: nothing logged at error "
                             "level; 4: setIdentity reported success";
     EXPECT_EQ(storedName("app"), "Ann");

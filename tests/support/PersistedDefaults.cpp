@@ -37,15 +37,17 @@ std::optional<PropertyValue> persistedValue(const std::filesystem::path& file, c
     return found;
 }
 
-int runInChild(const std::function<void()>& body) {
+pid_t forkChild(const std::function<int()>& body) {
     const pid_t child = ::fork();
     if (child == 0) {
-        body();
-        std::_Exit(0);
+        std::_Exit(body());
     }
+    return child;
+}
+
+int waitForChild(pid_t child) {
     int status = 0;
-    ::waitpid(child, &status, 0);
-    return exitStatusOf(status);
+    return child > 0 && ::waitpid(child, &status, 0) == child ? exitStatusOf(status) : -1;
 }
 
 pid_t spawnWithOutput(std::vector<std::string> arguments, const std::filesystem::path& out,
@@ -75,6 +77,12 @@ std::string readFile(const std::filesystem::path& file) {
     std::stringstream text;
     text << std::ifstream(file).rdbuf();
     return text.str();
+}
+
+ProcessRun runProgram(const std::filesystem::path& directory, std::vector<std::string> arguments) {
+    const int exitCode =
+        waitForChild(spawnWithOutput(std::move(arguments), directory / "stdout", directory / "stderr"));
+    return {exitCode, readFile(directory / "stdout"), readFile(directory / "stderr")};
 }
 
 }  // namespace velmora::testing
