@@ -1,6 +1,8 @@
 // A hostile account server and a careless host, end to end; the wire is read from the local server's record.
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "tests/support/ServerTest.h"
 #include "velmora/Velmora.h"
 #include "velmora/network/ProviderService.h"
@@ -219,6 +221,20 @@ TEST_F(HostileInputTest, WhatTheHostReplacesIsReleasedOutsideTheLibrarysLocks) {
         auto hook = std::make_shared<UsesLibraryWhenReleased>([&center] { center.removeObserver(0); });
         center.removeObserver(center.addObserver("n", [release = std::move(hook)](const auto&) {}));
     })) << "an observer";
+}
+
+// A log sink or logger of the host's that throws loses its line, and nothing else.
+TEST_F(HostileInputTest, ALogSinkOrLoggerThatThrowsLosesOnlyItsLine) {
+    struct Throwing : LoggerType {
+        void log(std::string_view, std::string_view) override { throw std::runtime_error("logger"); }
+    };
+    environment.logSink = [](LogLevel, std::string_view) { throw std::runtime_error("sink"); };
+    platform::Environment::install(environment);
+    EXPECT_NO_THROW(CoreLogger::error("through the console logger to the sink"));
+    LoggerConfig::setLogger(std::make_shared<Throwing>());
+    EXPECT_NO_THROW(CoreLogger::error("to the host's logger"));
+    const auto velmora = start();
+    EXPECT_EQ(failure(getUser(*velmora)), Failure("success", 0)) << "a request logs all the way";
 }
 
 TEST_F(HostileInputTest, InitializeRefusesAccountUrlsThatAreNoPlainBase) {

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <thread>
 
+#include "tests/support/Awaited.h"
 #include "tests/support/LibraryTest.h"
 #include "tests/support/PersistedDefaults.h"
 
@@ -121,12 +122,21 @@ TEST_F(UserDefaultsTest, ThreadsSynchronizingDifferentSuitesBothPersist) {
     }
 }
 
-// Under a host's usual umask of 022, whatever the library creates is still the owner's alone.
+// Under a host's usual umask of 022, whatever the library creates is still the owner's alone. The host's log
+// sink may use the store while the store reports the damage.
 TEST_F(UserDefaultsTest, AFileThatIsNotADatabaseIsMovedAsideAndAFreshPrivateOneUsed) {
     ::umask(022);
     fs::create_directories(file().parent_path());
     std::ofstream(file(), std::ios::binary) << std::string(8192, '\x5a');
-    const auto fresh = suite("corrupt");
+    environment.logSink = [capture = logs](LogLevel level, std::string_view line) {
+        capture->append(level, std::string(line));
+        if (line.starts_with("UserDefaults error:")) {
+            (void)suite("sink")->object("x");
+        }
+    };
+    platform::Environment::install(environment);
+    std::shared_ptr<UserDefaults> fresh;
+    ASSERT_TRUE(returnsWithin([&fresh] { fresh = suite("corrupt"); }));
     fresh->set("fresh", true);
     EXPECT_TRUE(fresh->synchronize());
     EXPECT_EQ(persisted("corrupt", "fresh"), PropertyValue(true));

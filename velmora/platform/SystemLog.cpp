@@ -1,5 +1,6 @@
 #include "velmora/platform/SystemLog.h"
 
+#include <cxxabi.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -7,6 +8,8 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/Fatal.h"
@@ -43,14 +46,38 @@ void writeToStandardError(const std::string& process, std::string_view message) 
     }
 }
 
+thread_local int holding = 0;  // LogsAfterUnlock alive on this thread
+thread_local std::vector<std::pair<LogLevel, std::string>> held;
+
 }  // namespace
 
+LogsAfterUnlock::LogsAfterUnlock() {
+    ++holding;
+}
+
+LogsAfterUnlock::~LogsAfterUnlock() {
+    if (--holding == 0 && !held.empty()) {
+        for (const auto& [level, line] : std::exchange(held, {})) {
+            systemLogLine(level, line);
+        }
+    }
+}
+
 void systemLogLine(LogLevel level, std::string_view message) {
+    if (holding > 0) {
+        held.emplace_back(level, message);
+        return;
+    }
     const auto env = Environment::current();
-    if (env->logSink) {
-        env->logSink(level, message);
-    } else {
+    if (!env->logSink) {
         writeToStandardError(env->applicationDomainName, message);
+        return;
+    }
+    try {
+        env->logSink(level, message);
+    } catch (abi::__forced_unwind&) {
+        throw;       // a cancelled thread must unwind
+    } catch (...) {  // the host's code, called from anywhere in the library (destructors included)
     }
 }
 
@@ -60,6 +87,10 @@ void systemLog(LogLevel level, std::string_view format, std::string_view argumen
 }
 
 void fatalError(std::string_view message) {
+    holding = 0;  // the process ends here: nothing is held back
+    for (const auto& [level, line] : std::exchange(held, {})) {
+        systemLogLine(level, line);
+    }
     systemLogLine(LogLevel::error, std::string("Fatal error: ") + std::string(message));
     std::abort();
 }

@@ -221,21 +221,7 @@ void URLCache::rememberInMemory(Entry entry) {
 
 // Called with the lock held; opens the disk part on first use. Only a store creates it: looking up and
 // removing leave no file behind where nothing was ever kept.
-namespace {
-
-// Problems met under the cache's lock, logged once it is released (declared before the lock, it outlives it).
-struct LoggedAfterUnlock {
-    std::vector<std::string> lines;
-    ~LoggedAfterUnlock() {
-        for (const auto& line : lines) {
-            systemLogLine(LogLevel::error, line);
-        }
-    }
-};
-
-}  // namespace
-
-bool URLCache::openDisk(bool create, std::vector<std::string>& problems) {
+bool URLCache::openDisk(bool create) {
     if (disk_ != nullptr || diskTried_) {
         return disk_ != nullptr;
     }
@@ -255,7 +241,7 @@ bool URLCache::openDisk(bool create, std::vector<std::string>& problems) {
     }
     diskTried_ = true;
     if (auto error = FileManager::createDirectory(*directory_, std::filesystem::perms::owner_all)) {
-        problems.push_back("URLCache: no disk cache: " + error->localizedDescription());
+        systemLogLine(LogLevel::error, "URLCache: no disk cache: " + error->localizedDescription());
         return false;
     }
     const auto file = *directory_ / "Cache.db";
@@ -280,14 +266,14 @@ bool URLCache::openDisk(bool create, std::vector<std::string>& problems) {
         if (code != SQLITE_CORRUPT && code != SQLITE_NOTADB) {
             // Busy, or a file that cannot be written: do without the disk, never delete what another
             // process is using.
-            problems.push_back("URLCache: no disk cache: " + std::string(sqlite3_errstr(code)));
+            systemLogLine(LogLevel::error, "URLCache: no disk cache: " + std::string(sqlite3_errstr(code)));
             sqlite3_close_v2(disk_);
             disk_ = nullptr;
             return false;
         }
         // A damaged cache is only a cache: start it again rather than do without.
-        problems.push_back("URLCache: starting an empty disk cache: " +
-                           std::string(disk_ ? sqlite3_errmsg(disk_) : "cannot open"));
+        systemLogLine(LogLevel::error, "URLCache: starting an empty disk cache: " +
+                                           std::string(disk_ ? sqlite3_errmsg(disk_) : "cannot open"));
         sqlite3_close_v2(disk_);
         disk_ = nullptr;
         std::error_code ignored;
@@ -342,10 +328,10 @@ void URLCache::storeCachedResponse(const CachedURLResponse& response, const URLR
         varying[lowercased(name)] = value ? nlohmann::json(*value) : nlohmann::json(nullptr);
     }
     Entry entry{*key, response, sizeOf(response), secondsNow(), std::move(varying)};
-    LoggedAfterUnlock problems;
+    const LogsAfterUnlock logs;  // a host log sink may use the cache
     std::lock_guard lock(mutex_);
     rememberInMemory(entry);
-    if (!openDisk(true, problems.lines)) {
+    if (!openDisk(true)) {
         return;
     }
     sqlite3_stmt* statement = nullptr;
@@ -397,13 +383,13 @@ std::optional<URLCache::Entry> URLCache::lookup(const URLRequest& request) {
     if (!key) {
         return std::nullopt;
     }
-    LoggedAfterUnlock problems;
+    const LogsAfterUnlock logs;  // a host log sink may use the cache
     std::lock_guard lock(mutex_);
     if (const auto it = index_.find(*key); it != index_.end()) {
         recent_.splice(recent_.begin(), recent_, it->second);
         return *it->second;
     }
-    if (!openDisk(false, problems.lines)) {
+    if (!openDisk(false)) {
         return std::nullopt;
     }
     sqlite3_stmt* statement = nullptr;
@@ -480,10 +466,10 @@ std::optional<CachedURLResponse> URLCache::cachedResponse(const URLRequest& requ
 
 void URLCache::removeCachedResponse(const URLRequest& request) {
     const auto key = request.url.absoluteString();
-    LoggedAfterUnlock problems;
+    const LogsAfterUnlock logs;  // a host log sink may use the cache
     std::lock_guard lock(mutex_);
     forgetInMemory(key);
-    if (!openDisk(false, problems.lines)) {
+    if (!openDisk(false)) {
         return;
     }
     sqlite3_stmt* statement = nullptr;
@@ -496,12 +482,12 @@ void URLCache::removeCachedResponse(const URLRequest& request) {
 }
 
 void URLCache::removeAllCachedResponses() {
-    LoggedAfterUnlock problems;
+    const LogsAfterUnlock logs;  // a host log sink may use the cache
     std::lock_guard lock(mutex_);
     recent_.clear();
     index_.clear();
     memoryUsage_ = 0;
-    if (openDisk(false, problems.lines)) {
+    if (openDisk(false)) {
         sqlite3_exec(disk_, "DELETE FROM cached_responses", nullptr, nullptr, nullptr);
     }
 }

@@ -11,7 +11,6 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
-#include <vector>
 
 #include "velmora/platform/URLRequest.h"
 
@@ -76,9 +75,8 @@ class URLCache {
     std::optional<Entry> lookup(const URLRequest& request);
     void rememberInMemory(Entry entry);
     void forgetInMemory(const std::string& key);
-    // What went wrong is added to `problems`, for the caller to log once the lock is released: a host's log
-    // sink may call back into the cache.
-    bool openDisk(bool create, std::vector<std::string>& problems);
+    // Called with the lock held, and with the lines it logs held until the lock is released.
+    bool openDisk(bool create);
 
     const std::size_t memoryCapacity_;
     const std::size_t diskCapacity_;

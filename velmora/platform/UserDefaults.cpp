@@ -97,6 +97,7 @@ class DefaultsDatabase {
         // for a write of this process, which loads the file's news itself.
         if (const auto now = coarseMilliseconds();
             now - lastReadRefresh_.load(std::memory_order_relaxed) >= readRefreshInterval.count()) {
+            const LogsAfterUnlock logs;
             if (std::unique_lock connection(connectionMutex_, std::try_to_lock); connection.owns_lock()) {
                 lastReadRefresh_.store(now, std::memory_order_relaxed);
                 refreshOrLog();
@@ -131,6 +132,7 @@ class DefaultsDatabase {
         if (stagedHere() != nullptr) {
             return true;  // the enclosing transaction commits the changes, or none of them
         }
+        const LogsAfterUnlock logs;  // a host log sink may use the store
         std::lock_guard connection(connectionMutex_);
         std::map<std::string, Pending, std::less<>> snapshot;
         {
@@ -170,6 +172,7 @@ class DefaultsDatabase {
             staged->removedSuites.emplace(suite);
             return;
         }
+        const LogsAfterUnlock logs;  // a host log sink may use the store
         std::lock_guard connection(connectionMutex_);
         {
             std::lock_guard state(stateMutex_);
@@ -185,6 +188,7 @@ class DefaultsDatabase {
             body();  // part of the enclosing transaction
             return true;
         }
+        const LogsAfterUnlock logs;  // a host log sink may use the store
         std::lock_guard connection(connectionMutex_);
         StagedChanges staged;
         const int beginning = db_ != nullptr ? begin() : SQLITE_CANTOPEN;
@@ -623,6 +627,7 @@ std::shared_ptr<DefaultsDatabase> databaseForCurrentEnvironment() {
     static auto* lastDatabase = new std::shared_ptr<DefaultsDatabase>();
 
     auto env = Environment::current();
+    const LogsAfterUnlock logs;  // opening a database may report on it; a host log sink may use the store
     std::lock_guard lock(*mutex);
     if (lastEnvironment->lock() == env) {
         return *lastDatabase;

@@ -1,5 +1,7 @@
 #include "velmora/support/CoreLogger.h"
 
+#include <cxxabi.h>
+
 #include <mutex>
 
 #include "velmora/platform/SystemLog.h"
@@ -69,7 +71,12 @@ void LoggerConfig::setLogger(std::shared_ptr<LoggerType> logger) {
 
 void CoreLogger::emit(LogLevel level, std::string_view message) {
     if (isLogging(level)) {
-        LoggerConfig::logger()->log(formatOf(level), message);
+        try {
+            LoggerConfig::logger()->log(formatOf(level), message);
+        } catch (abi::__forced_unwind&) {
+            throw;       // a cancelled thread must unwind
+        } catch (...) {  // the host's logger, called from anywhere in the library: it loses this line only
+        }
     }
 }
 
