@@ -82,18 +82,14 @@ class BlipsProviderTest : public ServerTest {
   protected:
     BlipsProviderTest() { identity->store(Identity::createAnonymous("Ann", std::nullopt)); }
 
-    BlipsProvider provider() const {
-        return BlipsProvider(details, identity, std::make_shared<SettingsProvider>(details));
-    }
     // The default document (required events on, trailmark off) with behavioural events on or off.
     void storePermissions(bool behavioural) {
         auto document = mock::AccountServer::defaultSettings();
         document["blips"]["permissions"]["behavioural"] = behavioural;
         ASSERT_TRUE(SettingsStore("app").storeSettings(Data::fromString(document.dump())));
     }
-    static UserAction pushOn() {
-        return UserAction{"2.0.0", "PushOn", "core_sdk", "CoreSDK", std::nullopt, std::nullopt};
-    }
+
+    const BlipsProvider provider{details, identity, std::make_shared<SettingsProvider>(details)};
 };
 
 // Events never log in (VelmoraTest's relaunch sends its init event with no token and makes no other request);
@@ -101,17 +97,15 @@ class BlipsProviderTest : public ServerTest {
 TEST_F(BlipsProviderTest, OnlyPermittedGroupsAreSentAndEventsNeverLogIn) {
     storePermissions(false);
     identity->update(IdentityStore::authTokenKey, "secret");
-    provider().send(UserAction{"1.0", "Tapped", "app", "UI", "label", json{{"n", 1}}},
-                    BlipsGroup::behavioural);
-    provider().send(pushOn(), BlipsGroup::required);
+    provider.send(UserAction{"1.0", "Tapped", "app", "UI", "label", json{{"n", 1}}}, BlipsGroup::behavioural);
+    provider.send(coreSdkEvent("PushOn"), BlipsGroup::required);
     ASSERT_TRUE(logs->waitFor("[DEBUG]: Blip was blipped successfully"));
 
     const auto sent = server.requests("GET", "/embeddable_blip");
     ASSERT_EQ(sent.size(), 1u) << "the behavioural event is dropped";
     EXPECT_EQ(sent[0].header("Authorization"), std::nullopt);
     EXPECT_EQ(sent[0].header("Client-Identifier"), "client");
-    const auto event = server.state()["events"].at(0);
-    EXPECT_EQ(json({event["uuid"], event["userAction"]["action"]}), json({identity->uuid(), "PushOn"}));
+    EXPECT_EQ(server.events("PushOn").at(0)["uuid"], identity->uuid());
 
     EXPECT_EQ(BlipsProvider::blipURL(Data::fromString("\xfb\xff"), *details).value().absoluteString(),
               server.url() + "/embeddable_blip?data=+/8=")
@@ -119,12 +113,12 @@ TEST_F(BlipsProviderTest, OnlyPermittedGroupsAreSentAndEventsNeverLogIn) {
 }
 
 TEST_F(BlipsProviderTest, NoStoredSettingsMeanNoPermissionAndTransportFailuresAreLogged) {
-    provider().send(pushOn(), BlipsGroup::required);
+    provider.send(coreSdkEvent("PushOn"), BlipsGroup::required);
     EXPECT_TRUE(logs->contains("[DEBUG]: Returning default settings for BlipsSettings. No data in cache."));
 
     storePermissions(true);
     server.script("GET", "/embeddable_blip", {.status = 200, .drop = true});
-    provider().send(PageView{"1.0", "web", "https://h", "Help", "fr", std::nullopt}, BlipsGroup::behavioural);
+    provider.send(PageView{"1.0", "web", "https://h", "Help", "fr", std::nullopt}, BlipsGroup::behavioural);
     EXPECT_EQ(awaitLinesStartingWith("[DEBUG]: Unable to blip Error Domain=NSURLErrorDomain Code=-1005"), 1u);
     EXPECT_EQ(server.requests("GET", "/embeddable_blip").size(), 1u)
         << "only the permitted page view went out";

@@ -15,8 +15,6 @@
 namespace velmora::testing {
 namespace {
 
-using namespace std::chrono_literals;
-using mock::AccountServer;
 using nlohmann::json;
 
 constexpr const char* coldNotice =
@@ -34,8 +32,8 @@ class VelmoraTest : public ServerTest {
         ASSERT_TRUE(
             AccountStore().store(ApplicationConfiguration(appId, "client", server.url())).isSuccess());
         // The local server's settings, which permit the required events (such as "init").
-        ASSERT_TRUE(
-            SettingsStore(appId).storeSettings(Data::fromString(AccountServer::defaultSettings().dump())));
+        ASSERT_TRUE(SettingsStore(appId).storeSettings(
+            Data::fromString(mock::AccountServer::defaultSettings().dump())));
         IdentityStore(appId).store(Identity::createAnonymous("Ann", "ann@example.com"));
         ASSERT_TRUE(SessionStore(appId).store(PropertyValue("old-device"), "pushToken"));
     }
@@ -54,7 +52,7 @@ class VelmoraTest : public ServerTest {
         const auto first = std::find(lines.begin(), lines.end(), earlier);
         return first != lines.end() && std::find(first, lines.end(), later) != lines.end();
     }
-    static bool drain() { return Velmora::waitForPendingRequests(10s); }
+    static bool drain() { return Velmora::waitForPendingRequests(std::chrono::seconds(10)); }
     static std::optional<std::string> pushToken() { return SessionStore("app").pushToken(); }
 };
 
@@ -62,7 +60,6 @@ TEST_F(VelmoraTest, AFirstLaunchWithAnotherAccountStoredWipesRecordsAndSendsNoth
     storePreviousLaunch("other-app");
     ASSERT_TRUE(SessionStore("app").store(PropertyValue("stale-device"), "pushToken"));
     identity->store(Identity::createJwt("stale"));
-    logs->clear();
     ASSERT_NE(start(), nullptr);
     ASSERT_TRUE(drain());
     EXPECT_TRUE(server.requests().empty()) << "a cold start cannot unregister and has no settings for events";
@@ -72,7 +69,6 @@ TEST_F(VelmoraTest, AFirstLaunchWithAnotherAccountStoredWipesRecordsAndSendsNoth
 
 TEST_F(VelmoraTest, ARelaunchKeepsTheAccountsStateSendsOneInitEventAndARepeatChangesNothing) {
     storePreviousLaunch("app");
-    logs->clear();
     const auto first = start();
     EXPECT_EQ(std::tuple(logs->contains(coldNotice), first->identity(), pushToken()),
               std::tuple(false, Identity::createAnonymous("Ann", "ann@example.com"), "old-device"));
@@ -89,7 +85,7 @@ TEST_F(VelmoraTest, ARelaunchKeepsTheAccountsStateSendsOneInitEventAndARepeatCha
 
 TEST_F(VelmoraTest,
        AWarmSwitchUnregistersAnyPushTokenThroughTheOldAccountThenWipesAndTheOldInstanceStaysUsable) {
-    AccountServer other;
+    mock::AccountServer other;
     const auto old = start();
     old->setIdentity(Identity::createAnonymous("Ann", std::nullopt));
     ASSERT_TRUE(registerDevice1(old));

@@ -7,10 +7,6 @@ namespace {
 
 using nlohmann::json;
 
-Result<Identity> decode(const char* text) {
-    return Identity::fromJson(json::parse(text));
-}
-
 TEST(IdentityTest, DecodingTriesAnonymousThenJwtThenGivesUpWithUnknownType) {
     // An anonymous member that does not decode falls through to the JWT; a null reads as absent. A JWT
     // without token is unknownType, not a missing key; so are a mistyped token and other shapes.
@@ -27,7 +23,7 @@ TEST(IdentityTest, DecodingTriesAnonymousThenJwtThenGivesUpWithUnknownType) {
         {R"({"user": {"token": "T"}})", unknownType}, {R"(["jwt"])", unknownType}};
     // clang-format on
     for (const auto& [text, decoded] : cases) {
-        const auto result = decode(text);
+        const auto result = Identity::fromJson(json::parse(text));
         const auto got =
             result.isError() ? json{result.error().domain(), result.error().code()} : result.value().toJson();
         EXPECT_EQ(got, json::parse(decoded)) << text;

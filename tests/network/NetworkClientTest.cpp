@@ -17,13 +17,12 @@ namespace {
 
 using namespace std::chrono_literals;
 using platform::DispatchQueue;
-using platform::HTTPURLResponse;
 using platform::URLRequest;
 
 // What one exchange delivered, and where.
 struct Outcome {
     std::optional<Data> data;
-    std::shared_ptr<const HTTPURLResponse> response;
+    std::shared_ptr<const platform::HTTPURLResponse> response;
     std::optional<Error> error;
     std::thread::id thread;
     bool onServiceQueue = false;
@@ -37,26 +36,27 @@ TaskCompletion handler(Awaited<Outcome>& outcome, DispatchQueue expectedQueue) {
     };
 }
 
-// Called on the session's thread only, before the completion that the test waits for.
-struct CountingResponseInterceptor : HTTPResponseInterceptor {
-    void intercept(const std::optional<Data>& data, const std::shared_ptr<const HTTPURLResponse>&,
-                   const std::optional<Error>&) override {
-        chunks.push_back(data ? data->toString() : "<none>");
-    }
-    std::vector<std::string> chunks;
-};
-
-// Counts its calls; a failing one fails the request with code 42.
-struct RecordingInterceptor : RequestInterceptor {
+// Counts the requests it sees and keeps the chunks of the answers (on the session's thread only, before the
+// completion that the test waits for). A failing one fails a request with code 42 and throws at an answer, as
+// a careless kit's may.
+struct RecordingInterceptor : RequestInterceptor, HTTPResponseInterceptor {
     RecordingInterceptor(std::string label, bool failing = false) : name(std::move(label)), fails(failing) {}
     Result<URLRequest> intercept(Result<URLRequest> request, const platform::DispatchGroup&) override {
         calls++;
         return fails ? Result<URLRequest>::error(Error("com.velmora.tests", 42)) : request;
     }
+    void intercept(const std::optional<Data>& data, const std::shared_ptr<const platform::HTTPURLResponse>&,
+                   const std::optional<Error>&) override {
+        if (fails) {
+            throw std::runtime_error("kit");
+        }
+        chunks.push_back(data ? data->toString() : "<none>");
+    }
     std::string description() const override { return name; }
     std::string name;
     bool fails;
     std::atomic<int> calls{0};
+    std::vector<std::string> chunks;
 };
 
 class NetworkClientTest : public ServerTest {
@@ -86,7 +86,7 @@ class NetworkClientTest : public ServerTest {
 TEST_F(NetworkClientTest, ARequestCarriesTheSharedHeadersAndItsChunksArriveWholeWhileInterceptorsSeeEachOne) {
     const std::vector<std::string> chunks = {"{\"error\":", "\"Unauthorized\"", "}"};
     server.script("GET", "/api/mobile/users/me.json", {.status = 401, .chunks = chunks, .chunkDelay = 250ms});
-    const auto counting = std::make_shared<CountingResponseInterceptor>();
+    const auto counting = std::make_shared<RecordingInterceptor>("Counting");
     const auto outcome = perform(service("/api/mobile/users/me.json", HttpMethod::get, {},
                                          {counting, std::make_shared<InvalidResponseInterceptor>("app")}));
     EXPECT_EQ(std::tuple(outcome.data.value_or(Data()).toString(), outcome.onServiceQueue, counting->chunks),
@@ -125,15 +125,10 @@ TEST_F(NetworkClientTest, AReporterGetsBothTotalsAndHostCodeThatThrowsEndsOnlyIt
         EXPECT_GT(reports[i].second, reports[i - 1].second);
     }
 
-    struct Throwing : HTTPResponseInterceptor {
-        void intercept(const std::optional<Data>&, const std::shared_ptr<const HTTPURLResponse>&,
-                       const std::optional<Error>&) override {
-            throw std::runtime_error("kit");
-        }
-    };
     const auto throwing = Reporter::callback([](std::int64_t, std::int64_t) { throw 7; });
+    const auto kit = std::make_shared<RecordingInterceptor>("Kit", true);
     for (const auto& thrower : {service("/upload", HttpMethod::put, {}, {}, throwing, body),
-                                service("/x", HttpMethod::get, {}, {std::make_shared<Throwing>()})}) {
+                                service("/x", HttpMethod::get, {}, {kit})}) {
         const auto outcome = perform(thrower);
         EXPECT_EQ(outcome.error ? outcome.error->code() : 0, errors::url::unknown);
     }

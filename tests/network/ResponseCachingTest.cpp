@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <mutex>
-
 #include "tests/support/ServerTest.h"
 #include "velmora/network/NetworkClient.h"
 
@@ -9,6 +7,7 @@ namespace velmora::testing {
 namespace {
 
 // Keeps answers of status 200 with "kept:" before the body, so that an answer from the cache shows itself.
+// Called on the session's thread, one answer at a time: each load is waited for before the next.
 struct KeepOK : CachedHTTPURLResponseDelegate,
                 CachedHTTPURLResponseTransformer,
                 std::enable_shared_from_this<KeepOK> {
@@ -18,12 +17,10 @@ struct KeepOK : CachedHTTPURLResponseDelegate,
     }
     std::optional<platform::CachedURLResponse> transform(
         const platform::CachedURLResponse& proposed) override {
-        std::lock_guard lock(mutex);
         offered.push_back(proposed.data.toString());
         return platform::CachedURLResponse{proposed.response, Data::fromString("kept:" + offered.back()),
                                            proposed.storagePolicy, proposed.userInfo};
     }
-    std::mutex mutex;
     std::vector<std::string> offered;
 };
 
@@ -31,12 +28,12 @@ using Answer = std::pair<int, std::string>;  // the status and the body
 
 class ResponseCachingTest : public ServerTest {
   protected:
-    Answer load(const std::string& path, std::shared_ptr<CachedHTTPURLResponseDelegate> delegate,
+    Answer load(const std::string& path, std::shared_ptr<CachedHTTPURLResponseDelegate> caching,
                 HttpMethod method = HttpMethod::get, std::map<std::string, std::string> headers = {}) {
         const ProviderService service(details, resourceURL(details->accountUrl(), path).value(), false,
                                       method, std::move(headers), std::nullopt, queue,
                                       Interceptors{{}, {}, interceptorQueue(), platform::DispatchGroup()},
-                                      Reporter::none(), std::move(delegate));
+                                      Reporter::none(), std::move(caching));
         return await<Answer>([&](auto done) {
             service.perform([done](const auto& data, const auto& response, const auto&) {
                 done({response ? response->statusCode() : 0, data ? data->toString() : ""});
@@ -44,27 +41,26 @@ class ResponseCachingTest : public ServerTest {
         });
     }
     platform::DispatchQueue queue{"com.velmora.tests.callbacks"};
+    const std::shared_ptr<KeepOK> delegate = std::make_shared<KeepOK>();
 };
 
 // Only what the delegate's transformer returns is kept; a kept fresh answer never reaches the server.
 TEST_F(ResponseCachingTest, OnlyWhatTheTransformerReturnsIsKeptAndAFreshAnswerNeverReachesTheServer) {
-    const auto delegate = std::make_shared<KeepOK>();
-    struct Case {
-        std::string path, again;  // `again`: the body of the second answer
-        int status;
-        std::shared_ptr<CachedHTTPURLResponseDelegate> delegate;
-    };
-    for (const auto& c : {Case{"/ok", "kept:page", 200, delegate}, Case{"/missing", "page", 404, delegate},
-                          Case{"/api/mobile/user_fields.json", "page", 200, nullptr}}) {
-        SCOPED_TRACE(c.path);
-        server.script("GET", c.path,
-                      {.status = c.status,
+    // the path, the status of both answers, the body of the second, and the delegate the loads bring
+    for (const auto& [path, status, again, caching] :
+         std::vector<std::tuple<std::string, int, std::string, std::shared_ptr<KeepOK>>>{
+             {"/ok", 200, "kept:page", delegate},
+             {"/missing", 404, "page", delegate},
+             {"/api/mobile/user_fields.json", 200, "page", nullptr}}) {
+        SCOPED_TRACE(path);
+        server.script("GET", path,
+                      {.status = status,
                        .body = "page",
                        .headers = {{"Cache-Control", "public, max-age=600"}, {"ETag", "\"1\""}},
                        .times = std::nullopt});
-        EXPECT_EQ(load(c.path, c.delegate), Answer(c.status, "page"));
-        EXPECT_EQ(load(c.path, c.delegate), Answer(c.status, c.again));
-        EXPECT_EQ(server.requests("GET", c.path).size(), c.again == "page" ? 2u : 1u);
+        EXPECT_EQ(load(path, caching), Answer(status, "page"));
+        EXPECT_EQ(load(path, caching), Answer(status, again));
+        EXPECT_EQ(server.requests("GET", path).size(), again == "page" ? 2u : 1u);
     }
     EXPECT_EQ(delegate->offered, std::vector<std::string>{"page"}) << "offered once, whole";
     // One user's answers never stand for another's: not under another token, not after an identity change.
@@ -82,29 +78,26 @@ TEST_F(ResponseCachingTest, OnlyWhatTheTransformerReturnsIsKeptAndAFreshAnswerNe
 }
 
 TEST_F(ResponseCachingTest, AStaleAnswerIsRevalidatedAndA304BringsBackTheKeptOne) {
-    const auto delegate = std::make_shared<KeepOK>();
-    struct Case {
-        std::string validator, value, condition;
-    };
-    for (const auto& c : {Case{"ETag", "\"v1\"", "If-None-Match"},
-                          Case{"Last-Modified", "Tue, 15 Nov 1994 12:45:26 GMT", "If-Modified-Since"}}) {
-        SCOPED_TRACE(c.validator);
-        const auto path = "/" + c.condition;
-        server.script("GET", path,
-                      {.status = 200,
-                       .body = "v1",
-                       .headers = {{"Cache-Control", "no-cache"}, {c.validator, c.value}}});
+    // the validator's header, its value, and the request header that carries it back
+    for (const auto& [validator, value, condition] : std::vector<std::array<std::string, 3>>{
+             {"ETag", "\"v1\"", "If-None-Match"},
+             {"Last-Modified", "Tue, 15 Nov 1994 12:45:26 GMT", "If-Modified-Since"}}) {
+        SCOPED_TRACE(validator);
+        const auto path = "/" + condition;
+        server.script(
+            "GET", path,
+            {.status = 200, .body = "v1", .headers = {{"Cache-Control", "no-cache"}, {validator, value}}});
         server.script("GET", path, {.status = 304, .headers = {{"Cache-Control", "max-age=600"}}});
         EXPECT_EQ(load(path, delegate), Answer(200, "v1"));
         EXPECT_EQ(load(path, delegate), Answer(200, "kept:v1")) << "revalidated";
         EXPECT_EQ(load(path, delegate), Answer(200, "kept:v1")) << "the 304 made it fresh";
         const auto seen = server.requests("GET", path);
         ASSERT_EQ(seen.size(), 2u);
-        EXPECT_EQ(seen[0].header(c.condition), std::nullopt);
-        EXPECT_EQ(seen[1].header(c.condition), c.value);
+        EXPECT_EQ(seen[0].header(condition), std::nullopt);
+        EXPECT_EQ(seen[1].header(condition), value);
         // Preconditions of the caller's own are the caller's: the server's 304 comes back as it is.
         server.script("GET", path, {.status = 304});
-        EXPECT_EQ(load(path, delegate, HttpMethod::get, {{c.condition, c.value}}).first, 304);
+        EXPECT_EQ(load(path, delegate, HttpMethod::get, {{condition, value}}).first, 304);
     }
 }
 

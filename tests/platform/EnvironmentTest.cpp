@@ -16,10 +16,7 @@
 namespace velmora::testing {
 namespace {
 
-using platform::Environment;
-using platform::FileManager;
-using platform::Notification;
-using platform::NotificationCenter;
+using namespace platform;
 namespace fs = std::filesystem;
 
 // Each test runs in a process of its own: changing the process environment here touches no other test.

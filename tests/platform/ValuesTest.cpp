@@ -11,7 +11,6 @@
 
 #include "tests/support/Printers.h"
 #include "velmora/platform/Base64.h"
-#include "velmora/platform/DateFormatter.h"
 #include "velmora/platform/Environment.h"
 #include "velmora/platform/Error.h"
 #include "velmora/platform/Format.h"

@@ -14,7 +14,6 @@ namespace {
 
 using platform::UserDefaults;
 using Dictionary = PropertyValue::Dictionary;
-using Lines = std::vector<std::string>;
 namespace fs = std::filesystem;
 
 class StoresTest : public LibraryTest {
@@ -107,8 +106,8 @@ TEST_F(StoresTest, EachClearRemovesExactlyItsShareOfTheState) {
 TEST_F(StoresTest, ClearingTheCacheDirectoryLogsOnlyRealFailures) {
     const CoreCacheDirectoryManager manager;
     manager.remove(velmoraCache());
-    EXPECT_EQ(logs->lines(), (Lines{"[ERROR]: Attempt to clear cache errored: The folder \u201cvelmora\u201d "
-                                    "doesn\u2019t exist."}));
+    EXPECT_EQ(logs->lines(), std::vector<std::string>{"[ERROR]: Attempt to clear cache errored: The folder "
+                                                      "\u201cvelmora\u201d doesn\u2019t exist."});
 
     logs->clear();
     fs::create_directories(velmoraCache() / ".state");

@@ -53,8 +53,7 @@ TEST_F(CoreLoggerTest, TheSwitchAndTheThresholdDecideWhatIsEmittedAndWhetherTheL
     CoreLogger::log(LogLevel::error, [&] { ++ran; });
     EXPECT_EQ(ran, 1);
 
-    EXPECT_EQ(logLevelFromRawValue(-1), std::nullopt);
-    EXPECT_EQ(logLevelFromRawValue(5), std::nullopt);
+    EXPECT_FALSE(logLevelFromRawValue(-1) || logLevelFromRawValue(5)) << "no level outside 0...4";
 }
 
 // The threshold is applied before any sink, so the test above covers it for this one too.
