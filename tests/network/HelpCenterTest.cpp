@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
 #include <stdexcept>
-#include <thread>
 #include <tuple>
 
 #include "tests/support/ServerTest.h"

@@ -199,7 +199,7 @@ TEST_F(NetworkClientTest, AnInvalidatedSessionIsLoggedAsAnOptional) {
     NetworkClient client(platform::URLSessionConfiguration::defaultConfiguration(),
                          std::make_shared<SessionDelegate>());
     client.session()->finishTasksAndInvalidate();
-    EXPECT_TRUE(logs->waitFor("[ERROR]: Session error : nil"));
+    EXPECT_TRUE(eventually([&] { return logs->contains("[ERROR]: Session error : nil"); }));
 }
 
 TEST(RequestDescriptionTest, MethodsHeadersAndUrlsFollowTheirFixedForms) {

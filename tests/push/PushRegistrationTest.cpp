@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "tests/support/ServerTest.h"
 #include "velmora/storage/SessionStore.h"
 
@@ -67,7 +65,7 @@ TEST_F(PushRegistrationTest, TheStoredIdentifierChangesOnlyWhenTheAccountHasTake
     EXPECT_FALSE(server.waitForEvents("PushOff", 1, std::chrono::milliseconds(300)));
 
     provider.unregisterForPush();
-    ASSERT_TRUE(logs->waitFor("[DEBUG]: Push unregistration successful"));
+    ASSERT_TRUE(eventually([&] { return logs->contains("[DEBUG]: Push unregistration successful"); }));
     EXPECT_EQ(storedIdentifier(), std::nullopt);
     EXPECT_TRUE(server.waitForEvents("PushOff", 1));
 }

@@ -8,7 +8,6 @@ void LogCapture::append(LogLevel level, std::string line) {
     std::lock_guard lock(mutex_);
     levels_.push_back(level);
     lines_.push_back(std::move(line));
-    changed_.notify_all();
 }
 
 std::vector<std::string> LogCapture::lines() const {
@@ -41,13 +40,6 @@ void LogCapture::clear() {
     std::lock_guard lock(mutex_);
     lines_.clear();
     levels_.clear();
-}
-
-bool LogCapture::waitFor(std::string_view line, std::size_t times, std::chrono::milliseconds timeout) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, timeout, [&] {
-        return static_cast<std::size_t>(std::count(lines_.begin(), lines_.end(), line)) >= times;
-    });
 }
 
 }  // namespace velmora::testing

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -26,13 +24,9 @@ class LogCapture {
     // Lines that start with `prefix`.
     std::vector<std::string> linesStartingWith(std::string_view prefix) const;
     void clear();
-    // Waits until `line` has been logged at least `times` times.
-    bool waitFor(std::string_view line, std::size_t times = 1,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 
   private:
     mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
     std::vector<std::string> lines_;
     std::vector<LogLevel> levels_;
 };

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "tests/support/Awaited.h"
 #include "tests/support/LibraryTest.h"
