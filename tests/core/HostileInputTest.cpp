@@ -191,6 +191,7 @@ TEST_F(HostileInputTest, AFailedAnswerThatIsNoRecordCarriesItsStatus) {
 // What the host installed is let go outside the library's locks: its destructor may use the library.
 TEST_F(HostileInputTest, WhatTheHostReplacesIsReleasedOutsideTheLibrarysLocks) {
     struct UsesLibraryWhenReleased {
+        explicit UsesLibraryWhenReleased(std::function<void()> then) : use(std::move(then)) {}
         std::function<void()> use;
         ~UsesLibraryWhenReleased() { use(); }
     };

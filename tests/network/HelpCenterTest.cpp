@@ -35,7 +35,7 @@ Loaded load(URLRequest request) {
 }
 
 // Answers requests to canned.invalid itself, through the canonical form of the request; "/hang" never, and
-// "/throw" throws, as a careless host's protocol may.
+// "/throw" throws, when started and when stopped, as a careless host's protocol may.
 struct Canned : URLProtocol {
     using URLProtocol::URLProtocol;
     static bool canInit(const URLRequest& request) { return request.url.host() == "canned.invalid"; }
@@ -58,7 +58,12 @@ struct Canned : URLProtocol {
         client()->didLoadData(*this, Data::fromString(request().value("X-Form").value_or("")));
         client()->didFinishLoading(*this);
     }
-    void stopLoading() override { ++stops; }
+    void stopLoading() override {
+        ++stops;
+        if (request().url.absoluteString().ends_with("/throw")) {
+            throw std::runtime_error("cannot stop");
+        }
+    }
     static inline std::atomic<int> starts{0}, stops{0};
 };
 
@@ -151,8 +156,10 @@ TEST_F(HelpCenterTest, RegisteredProtocolsAnswerInPlaceOfTheNetworkLatestFirstAn
 
     // A protocol that throws ends its load with an error, and is stopped: the load must not hang.
     const auto failing = std::make_shared<Counting>();
-    URLConnection::start(URLRequest(*URL::fromString("http://canned.invalid/throw")), failing);
+    const std::weak_ptr connection =
+        URLConnection::start(URLRequest(*URL::fromString("http://canned.invalid/throw")), failing);
     EXPECT_TRUE(eventually([&] { return failing->events == 1; }));
+    EXPECT_TRUE(eventually([&] { return connection.expired(); })) << "nothing keeps it once it ended";
     EXPECT_TRUE(eventually([] { return Canned::stops == 5; }));
 
     // A delegate that throws at the end still has its load ended and the protocol stopped.

@@ -137,13 +137,28 @@ TEST_F(DispatchTest, MainQueueRunsOnOneLibraryThreadOrOnTheHostsExecutorOnceInst
     }
     EXPECT_EQ(ran, std::vector(5, std::pair(std::this_thread::get_id(), true)));
 
-    // An executor that throws (the host's loop has ended) leaves the queue to the library's thread.
-    environment.mainExecutor = [](std::function<void()>) { throw std::runtime_error("loop ended"); };
+    // An executor that throws (the host's loop has ended) leaves the queue to the library's thread; the job
+    // it kept must not drain the queue a second time, alongside.
+    std::vector<std::function<void()>> kept;
+    environment.mainExecutor = [&kept](std::function<void()> job) {
+        kept.push_back(std::move(job));
+        throw std::runtime_error("loop ended");
+    };
     reinstallEnvironment();
-    ran.clear();
-    main.async(record);
-    main.sync([] {});
-    EXPECT_EQ(ran.size(), 1u);
+    std::atomic<int> running{0}, overlapped{0}, done{0};
+    const auto slow = [&] {
+        overlapped += running++ > 0;
+        std::this_thread::sleep_for(50ms);
+        --running, ++done;
+    };
+    main.async(slow);
+    main.async(slow);
+    ASSERT_TRUE(eventually([&] { return running == 1; }));
+    for (const auto& job : kept) {
+        job();
+    }
+    ASSERT_TRUE(eventually([&] { return done == 2; }));
+    EXPECT_EQ(overlapped.load(), 0);
     EXPECT_TRUE(
         logs->contains("DispatchQueue: the host's main executor failed (loop ended); "
                        "com.velmora.main runs on the library's thread"));

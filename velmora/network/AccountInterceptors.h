@@ -1,6 +1,8 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include "velmora/network/Interceptors.h"
@@ -38,7 +40,9 @@ class InvalidResponseInterceptor : public HTTPResponseInterceptor {
   private:
     SessionStore sessionStore_;
     IdentityStore identityStore_;
-    std::optional<std::string> sentToken_;  // set before the request leaves, read only after
+    // The token of the latest request it was attached to; a host's executor may send one service twice.
+    mutable std::mutex mutex_;
+    std::optional<std::string> sentToken_;
 };
 
 }  // namespace velmora

@@ -30,10 +30,14 @@ void InvalidResponseInterceptor::intercept(const std::optional<Data>&,
     if (!response || response->statusCode() != 401) {
         return;
     }
+    const auto sent = [this] {
+        std::lock_guard lock(mutex_);
+        return sentToken_;
+    }();
     bool stale = false;
     (void)identityStore_.defaults()->transaction([&] {
         // Nothing stored (a chunk before this one cleared it): cleared again, as every chunk of a 401 is.
-        stale = sentToken_ && identityStore_.identity() && identityStore_.oauthToken() != sentToken_;
+        stale = sent && identityStore_.identity() && identityStore_.oauthToken() != sent;
         if (!stale) {
             sessionStore_.clear();
             identityStore_.clear();
@@ -50,10 +54,11 @@ void InvalidResponseInterceptor::intercept(const std::optional<Data>&,
 
 void InvalidResponseInterceptor::willSend(const platform::URLRequest& request) {
     constexpr std::string_view bearer = "Bearer ";
-    if (const auto authorization = request.value("Authorization");
-        authorization && authorization->starts_with(bearer)) {
-        sentToken_ = authorization->substr(bearer.size());
-    }
+    const auto authorization = request.value("Authorization");
+    std::lock_guard lock(mutex_);
+    sentToken_ = authorization && authorization->starts_with(bearer)
+                     ? std::optional(authorization->substr(bearer.size()))
+                     : std::nullopt;
 }
 
 }  // namespace velmora

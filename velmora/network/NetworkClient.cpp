@@ -1,5 +1,7 @@
 #include "velmora/network/NetworkClient.h"
 
+#include <cxxabi.h>
+
 #include <algorithm>
 
 #include "velmora/Errors.h"
@@ -177,6 +179,8 @@ Result<platform::URLRequest> NetworkClient::intercept(const platform::URLRequest
             try {
                 current = interceptor->intercept(std::move(current), interceptors.interceptorGroup);
                 return;
+            } catch (abi::__forced_unwind&) {
+                throw;  // a cancelled thread must unwind
             } catch (const std::exception& thrown) {
                 failure = thrown.what();
             } catch (...) {

@@ -361,11 +361,19 @@ struct DispatchQueue::State : std::enable_shared_from_this<DispatchQueue::State>
         }
         const auto env = Environment::current();
         if (env->mainExecutor) {
-            // The host's code: a throw would leave the queue owned with no drain coming, for good.
+            // The host's code: a throw would leave the queue owned with no drain coming, for good. The job
+            // runs once at most, so that a copy the executor kept before it threw cannot drain alongside.
+            auto once = [ran = std::make_shared<std::atomic<bool>>(false), job = std::move(job)] {
+                if (!ran->exchange(true)) {
+                    job();
+                }
+            };
             std::string failure;
             try {
-                env->mainExecutor(job);
+                env->mainExecutor(once);
                 return;
+            } catch (abi::__forced_unwind&) {
+                throw;
             } catch (const std::exception& thrown) {
                 failure = thrown.what();
             } catch (...) {
@@ -375,6 +383,8 @@ struct DispatchQueue::State : std::enable_shared_from_this<DispatchQueue::State>
                           format("DispatchQueue: the host's main executor failed (%@); %@ runs "
                                  "on the library's thread",
                                  failure, label));
+            LibraryMainThread::shared().submit(std::move(once));
+            return;
         }
         LibraryMainThread::shared().submit(std::move(job));
     }

@@ -46,8 +46,20 @@ void writeToStandardError(const std::string& process, std::string_view message) 
     }
 }
 
+using HeldLines = std::vector<std::pair<LogLevel, std::string>>;
 thread_local int holding = 0;  // LogsAfterUnlock alive on this thread
-thread_local std::vector<std::pair<LogLevel, std::string>> held;
+// A plain pointer, made on the first line held: a thread-local object is destroyed before a host's static
+// destructors run, which may still call the library at exit.
+thread_local HeldLines* held = nullptr;
+
+HeldLines takeHeld() {
+    HeldLines lines;
+    if (held != nullptr) {
+        lines.swap(*held);
+        delete std::exchange(held, nullptr);
+    }
+    return lines;
+}
 
 }  // namespace
 
@@ -56,8 +68,8 @@ LogsAfterUnlock::LogsAfterUnlock() {
 }
 
 LogsAfterUnlock::~LogsAfterUnlock() {
-    if (--holding == 0 && !held.empty()) {
-        for (const auto& [level, line] : std::exchange(held, {})) {
+    if (--holding == 0) {
+        for (const auto& [level, line] : takeHeld()) {
             systemLogLine(level, line);
         }
     }
@@ -65,7 +77,10 @@ LogsAfterUnlock::~LogsAfterUnlock() {
 
 void systemLogLine(LogLevel level, std::string_view message) {
     if (holding > 0) {
-        held.emplace_back(level, message);
+        if (held == nullptr) {
+            held = new HeldLines();
+        }
+        held->emplace_back(level, message);
         return;
     }
     const auto env = Environment::current();
@@ -87,11 +102,16 @@ void systemLog(LogLevel level, std::string_view format, std::string_view argumen
 }
 
 void fatalError(std::string_view message) {
-    holding = 0;  // the process ends here: nothing is held back
-    for (const auto& [level, line] : std::exchange(held, {})) {
-        systemLogLine(level, line);
+    // The process ends here. Lines held under a lock go to standard error, not to the host's sink, which may
+    // want that lock.
+    const bool underLock = holding > 0;
+    holding = 0;
+    const std::string process = Environment::current()->applicationDomainName;
+    for (const auto& [level, line] : takeHeld()) {
+        writeToStandardError(process, line);
     }
-    systemLogLine(LogLevel::error, std::string("Fatal error: ") + std::string(message));
+    const auto line = std::string("Fatal error: ") + std::string(message);
+    underLock ? writeToStandardError(process, line) : systemLogLine(LogLevel::error, line);
     std::abort();
 }
 

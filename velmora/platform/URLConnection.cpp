@@ -1,11 +1,14 @@
 #include "velmora/platform/URLConnection.h"
 
+#include <cxxabi.h>
+
 #include <map>
 #include <mutex>
 #include <stdexcept>
 #include <utility>
 
 #include "velmora/platform/Environment.h"
+#include "velmora/platform/SystemLog.h"
 #include "velmora/platform/URLProtocol.h"
 #include "velmora/platform/URLSession.h"
 
@@ -227,6 +230,8 @@ void URLConnection::begin() {
             protocol_->startLoading();
             return;
         }
+    } catch (abi::__forced_unwind&) {
+        throw;
     } catch (const std::exception& thrown) {
         Events::fail(*this, URLError::make(errors::url::unknown, request_.url.absoluteString(),
                                            std::string("a URL protocol failed: ") + thrown.what()));
@@ -244,14 +249,24 @@ void URLConnection::begin() {
 
 void URLConnection::end(bool cancelling) {
     ended_ = true;
-    if (const auto protocol = std::exchange(protocol_, nullptr)) {
-        protocol->stopLoading();
-    }
-    if (const auto task = std::exchange(task_, nullptr); task && cancelling) {
+    // Everything is let go first: a host's protocol that throws on stopping must not keep the connection
+    // (and its delegate) alive for good. The block running this holds the connection still.
+    const auto protocol = std::exchange(protocol_, nullptr);
+    const auto task = std::exchange(task_, nullptr);
+    delegate_.reset();
+    self_.reset();
+    if (task && cancelling) {
         task->cancel();
     }
-    delegate_.reset();
-    self_.reset();  // the block running this holds the connection still
+    if (protocol) {
+        try {
+            protocol->stopLoading();
+        } catch (abi::__forced_unwind&) {
+            throw;
+        } catch (...) {
+            systemLogLine(LogLevel::error, "URLConnection: a URL protocol failed to stop");
+        }
+    }
 }
 
 void URLConnection::post(std::function<void(URLConnection&, URLConnectionDelegate&)> event, bool last) {
