@@ -101,5 +101,26 @@ TEST_F(ResponseCachingTest, AStaleAnswerIsRevalidatedAndA304BringsBackTheKeptOne
     }
 }
 
+// A kept answer whose validator cannot be sent (a CR in it, here from a kit's transformer) is fetched again,
+// instead of failing every later load of its URL.
+TEST_F(ResponseCachingTest, AValidatorThatCannotBeSentIsLeftOut) {
+    struct Unsendable : KeepOK {
+        std::optional<platform::CachedURLResponse> transform(
+            const platform::CachedURLResponse& proposed) override {
+            auto headers = proposed.response->allHeaderFields();
+            headers["ETag"] = "\"a\rb\"";
+            return platform::CachedURLResponse{std::make_shared<platform::HTTPURLResponse>(
+                                                   proposed.response->url(), 200, std::move(headers)),
+                                               proposed.data, proposed.storagePolicy, proposed.userInfo};
+        }
+    };
+    const auto unsendable = std::make_shared<Unsendable>();
+    server.script("GET", "/v",
+                  {.status = 200, .body = "v", .headers = {{"Cache-Control", "no-cache"}}, .times = 2});
+    EXPECT_EQ(load("/v", unsendable), Answer(200, "v"));
+    EXPECT_EQ(load("/v", unsendable), Answer(200, "v"));
+    EXPECT_EQ(server.requests("GET", "/v").at(1).header("If-None-Match"), std::nullopt);
+}
+
 }  // namespace
 }  // namespace velmora::testing

@@ -472,8 +472,12 @@ struct URLSession::Engine {
             return true;
         }
         const auto& kept = *match->response.response;
-        const auto etag = kept.value("ETag");
-        const auto modified = kept.value("Last-Modified");
+        // A validator that could not be sent (CR, LF or NUL in it) would fail the request: it is left out.
+        const auto sendable = [](std::optional<std::string> value) {
+            return value && isHeaderValue(*value) ? value : std::nullopt;
+        };
+        const auto etag = sendable(kept.value("ETag"));
+        const auto modified = sendable(kept.value("Last-Modified"));
         if (!etag && !modified) {
             return false;
         }
