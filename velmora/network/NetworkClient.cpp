@@ -6,6 +6,7 @@
 
 #include "velmora/Errors.h"
 #include "velmora/platform/Environment.h"
+#include "velmora/platform/SystemLog.h"
 #include "velmora/support/CoreLogger.h"
 
 namespace velmora {
@@ -175,20 +176,15 @@ Result<platform::URLRequest> NetworkClient::intercept(const platform::URLRequest
             }
             // A host's interceptor (or the executor an interceptor's own call goes through) that throws halts
             // the chain with an error: the request must still end.
-            std::string failure;
             try {
                 current = interceptor->intercept(std::move(current), interceptors.interceptorGroup);
-                return;
             } catch (abi::__forced_unwind&) {
                 throw;  // a cancelled thread must unwind
-            } catch (const std::exception& thrown) {
-                failure = thrown.what();
             } catch (...) {
-                failure = "an exception of an unknown type";
+                current = Result<platform::URLRequest>::error(platform::URLError::make(
+                    errors::url::unknown, request.url.absoluteString(),
+                    "a request interceptor failed: " + platform::thrownDescription()));
             }
-            current = Result<platform::URLRequest>::error(
-                platform::URLError::make(errors::url::unknown, request.url.absoluteString(),
-                                         "a request interceptor failed: " + failure));
         });
     }
     return current;

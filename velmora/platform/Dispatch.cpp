@@ -368,21 +368,17 @@ struct DispatchQueue::State : std::enable_shared_from_this<DispatchQueue::State>
                     job();
                 }
             };
-            std::string failure;
             try {
                 env->mainExecutor(once);
                 return;
             } catch (abi::__forced_unwind&) {
                 throw;
-            } catch (const std::exception& thrown) {
-                failure = thrown.what();
             } catch (...) {
-                failure = "an exception of an unknown type";
+                systemLogLine(LogLevel::error,
+                              format("DispatchQueue: the host's main executor failed (%@); %@ runs "
+                                     "on the library's thread",
+                                     thrownDescription(), label));
             }
-            systemLogLine(LogLevel::error,
-                          format("DispatchQueue: the host's main executor failed (%@); %@ runs "
-                                 "on the library's thread",
-                                 failure, label));
             LibraryMainThread::shared().submit(std::move(once));
             return;
         }

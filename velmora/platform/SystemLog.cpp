@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <exception>
 #include <string>
 #include <utility>
 #include <vector>
@@ -93,6 +94,16 @@ void systemLogLine(LogLevel level, std::string_view message) {
     } catch (abi::__forced_unwind&) {
         throw;       // a cancelled thread must unwind
     } catch (...) {  // the host's code, called from anywhere in the library (destructors included)
+    }
+}
+
+std::string thrownDescription() {
+    try {
+        throw;
+    } catch (const std::exception& thrown) {
+        return thrown.what();
+    } catch (...) {
+        return "an exception of an unknown type";
     }
 }
 

@@ -232,13 +232,9 @@ void URLConnection::begin() {
         }
     } catch (abi::__forced_unwind&) {
         throw;
-    } catch (const std::exception& thrown) {
-        Events::fail(*this, URLError::make(errors::url::unknown, request_.url.absoluteString(),
-                                           std::string("a URL protocol failed: ") + thrown.what()));
-        return;
     } catch (...) {
         Events::fail(*this, URLError::make(errors::url::unknown, request_.url.absoluteString(),
-                                           "a URL protocol failed"));
+                                           "a URL protocol failed: " + thrownDescription()));
         return;
     }
     auto& loading = loadingSession();

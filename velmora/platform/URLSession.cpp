@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cctype>
 #include <condition_variable>
-#include <exception>
 #include <map>
 #include <set>
 #include <thread>
@@ -302,26 +301,18 @@ struct URLSession::Engine {
     // and the task it was told about ends with an error. False when it threw.
     template <class Call>
     static bool toDelegate(Transfer* transfer, Call&& call) noexcept {
-        std::exception_ptr thrown;
         try {
             call();
             return true;
         } catch (...) {
-            thrown = std::current_exception();
-        }
-        try {  // nothing may leave a libcurl callback, not even a failure to describe the throw
-            std::string what = "an exception of an unknown type";
-            try {
-                std::rethrow_exception(thrown);
-            } catch (const std::exception& exception) {
-                what = exception.what();
+            try {  // nothing may leave a libcurl callback, not even a failure to describe the throw
+                const auto what = thrownDescription();
+                systemLogLine(LogLevel::error, "URLSession: the delegate failed: " + what);
+                if (transfer != nullptr && !transfer->delegateFailure) {
+                    transfer->delegateFailure = "the session's delegate failed: " + what;
+                }
             } catch (...) {
             }
-            systemLogLine(LogLevel::error, "URLSession: the delegate failed: " + what);
-            if (transfer != nullptr && !transfer->delegateFailure) {
-                transfer->delegateFailure = "the session's delegate failed: " + what;
-            }
-        } catch (...) {
         }
         return false;
     }
