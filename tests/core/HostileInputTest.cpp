@@ -234,8 +234,7 @@ TEST_F(HostileInputTest, ALogSinkOrLoggerThatThrowsLosesOnlyItsLine) {
     EXPECT_NO_THROW(CoreLogger::error("through the console logger to the sink"));
     LoggerConfig::setLogger(std::make_shared<Throwing>());
     EXPECT_NO_THROW(CoreLogger::error("to the host's logger"));
-    const auto velmora = start();
-    EXPECT_EQ(failure(getUser(*velmora)), Failure("success", 0)) << "a request logs all the way";
+    EXPECT_EQ(failure(getUser(*start())), Failure("success", 0)) << "a request logs all the way";
 }
 
 TEST_F(HostileInputTest, InitializeRefusesAccountUrlsThatAreNoPlainBase) {

@@ -159,8 +159,8 @@ TEST_F(HelpCenterTest, RegisteredProtocolsAnswerInPlaceOfTheNetworkLatestFirstAn
     const std::weak_ptr connection =
         URLConnection::start(URLRequest(*URL::fromString("http://canned.invalid/throw")), failing);
     EXPECT_TRUE(eventually([&] { return failing->events == 1; }));
-    EXPECT_TRUE(eventually([&] { return connection.expired(); })) << "nothing keeps it once it ended";
-    EXPECT_TRUE(eventually([] { return Canned::stops == 5; }));
+    EXPECT_TRUE(eventually([&] { return Canned::stops == 5 && connection.expired(); }))
+        << "stopped, and nothing keeps it once it ended";
 
     // A delegate that throws at the end still has its load ended and the protocol stopped.
     struct ThrowingAtTheEnd : Counting {

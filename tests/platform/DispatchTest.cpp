@@ -139,9 +139,9 @@ TEST_F(DispatchTest, MainQueueRunsOnOneLibraryThreadOrOnTheHostsExecutorOnceInst
 
     // An executor that throws (the host's loop has ended) leaves the queue to the library's thread; the job
     // it kept must not drain the queue a second time, alongside.
-    std::vector<std::function<void()>> kept;
-    environment.mainExecutor = [&kept](std::function<void()> job) {
-        kept.push_back(std::move(job));
+    hostLoop.clear();
+    environment.mainExecutor = [&hostLoop](std::function<void()> job) {
+        hostLoop.push_back(std::move(job));
         throw std::runtime_error("loop ended");
     };
     reinstallEnvironment();
@@ -154,7 +154,7 @@ TEST_F(DispatchTest, MainQueueRunsOnOneLibraryThreadOrOnTheHostsExecutorOnceInst
     main.async(slow);
     main.async(slow);
     ASSERT_TRUE(eventually([&] { return running == 1; }));
-    for (const auto& job : kept) {
+    for (const auto& job : hostLoop) {
         job();
     }
     ASSERT_TRUE(eventually([&] { return done == 2; }));

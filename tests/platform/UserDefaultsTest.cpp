@@ -130,9 +130,7 @@ TEST_F(UserDefaultsTest, AFileThatIsNotADatabaseIsMovedAsideAndAFreshPrivateOneU
     std::ofstream(file(), std::ios::binary) << std::string(8192, '\x5a');
     environment.logSink = [capture = logs](LogLevel level, std::string_view line) {
         capture->append(level, std::string(line));
-        if (line.starts_with("UserDefaults error:")) {
-            (void)suite("sink")->object("x");
-        }
+        (void)suite("sink")->object("x");
     };
     platform::Environment::install(environment);
     std::shared_ptr<UserDefaults> fresh;

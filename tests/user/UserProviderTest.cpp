@@ -115,7 +115,6 @@ TEST_F(UserProviderTest, A401WipesTheSessionAMissingBodyIsCode3000AndAnEmptyOneA
     (void)stale.wait();
     EXPECT_TRUE(identity->identity().has_value()) << "Bob's identity stays";
 
-    identity->store(Identity::createAnonymous("Ann", std::nullopt));
     server.script("GET", "/api/mobile/users/me.json", {.status = 204});
     const auto missing = getUser().error();
     EXPECT_EQ(std::pair(missing.domain(), missing.code()),
